@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: The cloud_action_daemon authors
+
+#include "kestrix/daemon.h"
+
+#include <signal.h>
+#include <sysexits.h>
+#include <systemd/sd-daemon.h>
+
+#include <utility>
+
+#include "base/logging.h"
+
+namespace kestrix {
+
+Daemon::Daemon() = default;
+Daemon::~Daemon() = default;
+
+void Daemon::RegisterHandler(int signal_number, SignalHandler handler) {
+  UnregisterHandler(signal_number);
+  Registration& registration = handlers_[signal_number];
+  registration.handler = std::move(handler);
+  registration.source = loop_.WatchSignal(
+      signal_number, [this, signal_number] { OnSignal(signal_number); });
+  CHECK(registration.source != nullptr)
+      << "Cannot watch the signal " << signal_number;
+}
+
+void Daemon::UnregisterHandler(int signal_number) {
+  handlers_.erase(signal_number);
+}
+
+void Daemon::OnSignal(int signal_number) {
+  // A copy: the handler may unregister itself.
+  const SignalHandler handler = handlers_[signal_number].handler;
+  if (handler.Run(signal_number)) UnregisterHandler(signal_number);
+}
+
+int Daemon::Run() {
+  int return_code = OnInit();
+  if (return_code != EX_OK) return return_code;
+  return_code = loop_.Run();
+  // Nothing happens if the init system did not ask to be told.
+  sd_notify(/*unset_environment=*/0, "STOPPING=1");
+  OnShutdown(&return_code);
+  return return_code;
+}
+
+int Daemon::OnInit() {
+  // A peer that closes its connection must not end the process.
+  signal(SIGPIPE, SIG_IGN);
+  for (const int signal_number : {SIGTERM, SIGINT}) {
+    RegisterHandler(signal_number,
+                    [this](int number) { return OnTermination(number); });
+  }
+  RegisterHandler(SIGHUP, [this](int number) { return OnHangup(number); });
+  return EX_OK;
+}
+
+void Daemon::OnShutdown(int*) {}
+
+bool Daemon::OnRestart() {
+  QuitWithExitCode(EX_OK);
+  return false;
+}
+
+bool Daemon::OnTermination(int) {
+  QuitWithExitCode(EX_OK);
+  return true;
+}
+
+bool Daemon::OnHangup(int) { return !OnRestart(); }
+
+}  // namespace kestrix
