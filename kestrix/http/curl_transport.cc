@@ -1,0 +1,351 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: The cloud_action_daemon authors
+
+#include "kestrix/http/curl_transport.h"
+
+#include <curl/curl.h>
+#include <stdlib.h>
+
+#include <utility>
+#include <vector>
+
+#include "base/logging.h"
+#include "kestrix/http/http_constants.h"
+#include "kestrix/http/request_check.h"
+
+namespace kestrix::http {
+namespace {
+
+constexpr base::Location kTransfer{"StartAsyncTransfer",
+                                   "kestrix/http/curl_transport", 0};
+
+// A bus drops a program that sends a message of more than 32 MiB; half of that
+// leaves room for what escaping adds.
+constexpr size_t kMaxBodySize = 16u << 20;
+constexpr size_t kMaxHeaderSize = 64u << 10;
+
+const char* ErrorCode(CURLcode result) {
+  switch (result) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+      return "resolve";
+    case CURLE_COULDNT_CONNECT:
+      return "connect";
+    case CURLE_OPERATION_TIMEDOUT:
+      return "timeout";
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SSL_CERTPROBLEM:
+    case CURLE_SSL_CIPHER:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_SSL_ISSUER_ERROR:
+      return "tls";
+    case CURLE_FILESIZE_EXCEEDED:
+      return "too_large";
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_HTTP2:
+    case CURLE_HTTP2_STREAM:
+    case CURLE_GOT_NOTHING:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_BAD_CONTENT_ENCODING:
+      return "protocol";
+    default:
+      return "internal";
+  }
+}
+
+}  // namespace
+
+// The library's global state.
+class CurlTransport::Library {
+ public:
+  Library() {
+    // The TLS library takes these as orders to load code and to write down the
+    // keys of every connection.
+    for (const char* name :
+         {"SSLKEYLOGFILE", "OPENSSL_CONF", "OPENSSL_CONF_INCLUDE",
+          "OPENSSL_ENGINES", "OPENSSL_MODULES"}) {
+      unsetenv(name);
+    }
+    const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
+    CHECK(result == CURLE_OK)
+        << "Cannot set up HTTP: " << curl_easy_strerror(result);
+  }
+  ~Library() { curl_global_cleanup(); }
+};
+
+struct CurlTransport::MultiHandle {
+  MultiHandle() : get(curl_multi_init()) {
+    CHECK(get != nullptr) << "Cannot set up HTTP";
+  }
+  ~MultiHandle() { curl_multi_cleanup(get); }
+  CURLM* get;
+};
+
+// One request and the response as far as it has come.
+class CurlTransport::Transfer {
+ public:
+  Transfer(CURLM* multi, RequestId id, Request request,
+           SuccessCallback success_callback, ErrorCallback error_callback)
+      : multi_(multi),
+        id_(id),
+        request_(std::move(request)),
+        success_callback_(std::move(success_callback)),
+        error_callback_(std::move(error_callback)) {}
+
+  ~Transfer() {
+    if (easy_) {
+      curl_multi_remove_handle(multi_, easy_);
+      curl_easy_cleanup(easy_);
+    }
+    curl_slist_free_all(header_lines_);
+  }
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+
+  // Hands the request to the library. False, with the reason kept for
+  // ReportRefused(), if it must not be sent.
+  bool Start(base::TimeDelta timeout) {
+    if (!CheckUrl(request_.url, &refusal_) ||
+        !CheckHeaders(request_.headers, &refusal_)) {
+      return false;
+    }
+    easy_ = curl_easy_init();
+    if (!easy_ || !AddHeaderLines() || !SetOptions(timeout) ||
+        curl_multi_add_handle(multi_, easy_) != CURLM_OK) {
+      Error::AddTo(&refusal_, kTransfer, kErrorDomain, "internal",
+                   "The request could not be started");
+      return false;
+    }
+    return true;
+  }
+
+  RequestId id() const { return id_; }
+
+  void ReportRefused() { error_callback_.Run(id_, refusal_.get()); }
+
+  void ReportDone(CURLcode result) {
+    if (result == CURLE_OK) {
+      long status = 0;
+      curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+      success_callback_.Run(id_,
+                            std::make_unique<Response>(static_cast<int>(status),
+                                                       std::move(body_)));
+      return;
+    }
+    const char* code = too_large_ ? "too_large" : ErrorCode(result);
+    const char* text =
+        error_text_[0] ? error_text_ : curl_easy_strerror(result);
+    if (too_large_ || result == CURLE_FILESIZE_EXCEEDED) {
+      text = "The response is larger than this device accepts";
+    }
+    const std::unique_ptr<Error> error =
+        Error::Create(kTransfer, kErrorDomain, code, text);
+    error_callback_.Run(id_, error.get());
+  }
+
+ private:
+  template <typename T>
+  bool Set(CURLoption option, T value) {
+    return curl_easy_setopt(easy_, option, value) == CURLE_OK;
+  }
+
+  bool AddHeaderLine(const std::string& line) {
+    curl_slist* lines = curl_slist_append(header_lines_, line.c_str());
+    if (!lines) return false;
+    header_lines_ = lines;
+    return true;
+  }
+
+  bool AddHeaderLines() {
+    for (const auto& [name, value] : request_.headers) {
+      // The library's notation for a field with an empty value is a semicolon.
+      if (!AddHeaderLine(value.empty() ? name + ";" : name + ": " + value)) {
+        return false;
+      }
+    }
+    // Lines with nothing after the colon keep the library from adding its own.
+    return AddHeaderLine("Accept:") && AddHeaderLine("Expect:");
+  }
+
+  bool SetOptions(base::TimeDelta timeout) {
+    const auto timeout_ms = static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(timeout).count());
+    const long http_version = CanUseHttp2(request_.headers)
+                                  ? CURL_HTTP_VERSION_2TLS
+                                  : CURL_HTTP_VERSION_1_1;
+    return Set(CURLOPT_PRIVATE, this) &&
+           // Where the request goes, and nowhere else.
+           Set(CURLOPT_URL, request_.url.c_str()) &&
+           Set(CURLOPT_PATH_AS_IS, 1L) &&
+           Set(CURLOPT_PROTOCOLS_STR, "http,https") &&
+           Set(CURLOPT_FOLLOWLOCATION, 0L) && Set(CURLOPT_PROXY, "") &&
+           Set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED)) &&
+           Set(CURLOPT_SSLVERSION,
+               static_cast<long>(CURL_SSLVERSION_TLSv1_2)) &&
+           Set(CURLOPT_SSL_VERIFYPEER, 1L) && Set(CURLOPT_SSL_VERIFYHOST, 2L) &&
+           // What is sent.
+           Set(CURLOPT_HTTP_VERSION, http_version) &&
+           Set(CURLOPT_HTTPHEADER, header_lines_) && SetMethod() &&
+           // What comes back.
+           Set(CURLOPT_WRITEFUNCTION, &Transfer::OnBody) &&
+           Set(CURLOPT_WRITEDATA, this) &&
+           Set(CURLOPT_HEADERFUNCTION, &Transfer::OnHeader) &&
+           Set(CURLOPT_HEADERDATA, this) &&
+           Set(CURLOPT_MAXFILESIZE_LARGE,
+               static_cast<curl_off_t>(kMaxBodySize)) &&
+           Set(CURLOPT_ERRORBUFFER, error_text_) &&
+           // How long it may take. Without the quick exit a name server that
+           // does not answer would stall the loop when a request is given up.
+           Set(CURLOPT_TIMEOUT_MS, timeout_ms) && Set(CURLOPT_NOSIGNAL, 1L) &&
+           Set(CURLOPT_QUICK_EXIT, 1L);
+  }
+
+  bool SetMethod() {
+    if (request_.method != request_type::kPost) return Set(CURLOPT_HTTPGET, 1L);
+    // The library borrows the body, which lives as long as the transfer.
+    return Set(CURLOPT_POST, 1L) &&
+           Set(CURLOPT_POSTFIELDSIZE_LARGE,
+               static_cast<curl_off_t>(request_.body.size())) &&
+           Set(CURLOPT_POSTFIELDS, request_.body.data());
+  }
+
+  // Returning another number than was given ends the transfer.
+  static size_t OnBody(char* data, size_t, size_t size, void* transfer) {
+    auto* self = static_cast<Transfer*>(transfer);
+    if (size > kMaxBodySize - self->body_.size()) {
+      self->too_large_ = true;
+      return 0;
+    }
+    self->body_.append(data, size);
+    return size;
+  }
+
+  static size_t OnHeader(char*, size_t, size_t size, void* transfer) {
+    auto* self = static_cast<Transfer*>(transfer);
+    if (size > kMaxHeaderSize - self->header_size_) {
+      self->too_large_ = true;
+      return 0;
+    }
+    self->header_size_ += size;
+    return size;
+  }
+
+  CURLM* multi_;  // Not owned; outlives this.
+  RequestId id_;
+  Request request_;
+  SuccessCallback success_callback_;
+  ErrorCallback error_callback_;
+  CURL* easy_ = nullptr;
+  curl_slist* header_lines_ = nullptr;
+  std::unique_ptr<Error> refusal_;
+  std::string body_;
+  size_t header_size_ = 0;
+  bool too_large_ = false;
+  char error_text_[CURL_ERROR_SIZE] = {};
+};
+
+CurlTransport::CurlTransport(base::EventLoop* loop)
+    : loop_(loop),
+      library_(std::make_unique<Library>()),
+      multi_(std::make_unique<MultiHandle>()),
+      timer_(loop,
+             base::Bind(&CurlTransport::OnTimeout, base::Unretained(this))) {
+  curl_multi_setopt(multi_->get, CURLMOPT_SOCKETFUNCTION, &OnSocketInterest);
+  curl_multi_setopt(multi_->get, CURLMOPT_SOCKETDATA, this);
+  curl_multi_setopt(multi_->get, CURLMOPT_TIMERFUNCTION, &OnTimerInterest);
+  curl_multi_setopt(multi_->get, CURLMOPT_TIMERDATA, this);
+}
+
+CurlTransport::~CurlTransport() {
+  transfers_.clear();
+  // Closing the kept connections still asks for sockets to be forgotten.
+  multi_.reset();
+}
+
+RequestId CurlTransport::StartAsyncTransfer(Request request,
+                                            SuccessCallback success_callback,
+                                            ErrorCallback error_callback) {
+  const RequestId id = ++last_id_;
+  auto transfer = std::make_unique<Transfer>(
+      multi_->get, id, std::move(request), std::move(success_callback),
+      std::move(error_callback));
+  const bool started = transfer->Start(default_timeout_);
+  transfers_[id] = std::move(transfer);
+  if (!started) {
+    loop_->PostTask(base::Bind(&CurlTransport::ReportRefused,
+                               weak_ptr_factory_.GetWeakPtr(), id));
+  }
+  return id;
+}
+
+void CurlTransport::SetDefaultTimeout(base::TimeDelta timeout) {
+  default_timeout_ = timeout;
+}
+
+void CurlTransport::ReportRefused(RequestId id) {
+  const std::shared_ptr<CurlTransport> keep_alive = shared_from_this();
+  const auto node = transfers_.extract(id);
+  node.mapped()->ReportRefused();
+}
+
+int CurlTransport::OnSocketInterest(void*, int fd, int what, void* self,
+                                    void*) {
+  auto* transport = static_cast<CurlTransport*>(self);
+  transport->sockets_.erase(fd);
+  if (what == CURL_POLL_REMOVE) return 0;
+  uint32_t events = 0;
+  if (what & CURL_POLL_IN) events |= base::EventLoop::kReadable;
+  if (what & CURL_POLL_OUT) events |= base::EventLoop::kWritable;
+  std::unique_ptr<base::EventSource> source = transport->loop_->WatchFd(
+      fd, events,
+      base::Bind(&CurlTransport::OnSocketReady,
+                 transport->weak_ptr_factory_.GetWeakPtr(), fd));
+  // The library then fails what depends on the socket.
+  if (!source) return -1;
+  transport->sockets_[fd] = std::move(source);
+  return 0;
+}
+
+int CurlTransport::OnTimerInterest(void*, long timeout_ms, void* self) {
+  auto* transport = static_cast<CurlTransport*>(self);
+  if (timeout_ms < 0) {
+    transport->timer_.Stop();
+  } else {
+    transport->timer_.Start(std::chrono::milliseconds(timeout_ms));
+  }
+  return 0;
+}
+
+void CurlTransport::OnSocketReady(int fd, uint32_t events) {
+  int event_mask = 0;
+  if (events & base::EventLoop::kReadable) event_mask |= CURL_CSELECT_IN;
+  if (events & base::EventLoop::kWritable) event_mask |= CURL_CSELECT_OUT;
+  Advance(fd, event_mask);
+}
+
+void CurlTransport::OnTimeout() { Advance(CURL_SOCKET_TIMEOUT, 0); }
+
+void CurlTransport::Advance(int fd, int event_mask) {
+  // A callback may let go of the transport, which the transfers still need.
+  const std::shared_ptr<CurlTransport> keep_alive = shared_from_this();
+  int running = 0;
+  curl_multi_socket_action(multi_->get, fd, event_mask, &running);
+
+  std::vector<std::pair<std::unique_ptr<Transfer>, CURLcode>> done;
+  int remaining = 0;
+  while (const CURLMsg* message =
+             curl_multi_info_read(multi_->get, &remaining)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    const CURLcode result = message->data.result;
+    Transfer* transfer = nullptr;
+    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+    done.emplace_back(std::move(transfers_.extract(transfer->id()).mapped()),
+                      result);
+  }
+  for (auto& [transfer, result] : done) transfer->ReportDone(result);
+}
+
+}  // namespace kestrix::http

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+// SPDX-FileCopyrightText: The cloud_action_daemon authors
+
+#include "kestrix/http/request_check.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+
+namespace kestrix::http {
+namespace {
+
+constexpr char kFile[] = "kestrix/http/request_check";
+constexpr base::Location kCheckUrl{"CheckUrl", kFile, 0};
+constexpr base::Location kCheckHeaders{"CheckHeaders", kFile, 0};
+
+bool IsAlphanumeric(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') ||
+         (c >= 'a' && c <= 'z');
+}
+
+bool IsHostByte(char c) {
+  return IsAlphanumeric(c) || c == '.' || c == '-' || c == '_';
+}
+
+bool IsTokenByte(char c) {
+  return IsAlphanumeric(c) ||
+         std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+}
+
+bool IsFieldValueByte(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte == '\t' || (byte >= 0x20 && byte != 0x7f);
+}
+
+bool IsUrlByte(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte > 0x20 && byte != 0x7f && byte != '\\';
+}
+
+bool IsPort(std::string_view text) {
+  unsigned port = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, result] = std::from_chars(text.data(), end, port);
+  return result == std::errc() && stop == end && port >= 1 && port <= 65535;
+}
+
+// The host as the HTTP library reads it from `url`; empty if it cannot.
+std::string ReadHostWithLibrary(const std::string& url) {
+  std::string host;
+  CURLU* handle = curl_url();
+  char* part = nullptr;
+  if (handle &&
+      curl_url_set(handle, CURLUPART_URL, url.c_str(), CURLU_PATH_AS_IS) ==
+          CURLUE_OK &&
+      curl_url_get(handle, CURLUPART_HOST, &part, 0) == CURLUE_OK) {
+    host = part;
+  }
+  curl_free(part);
+  curl_url_cleanup(handle);
+  return host;
+}
+
+// Why `url` is refused; null if it is not.
+const char* FindUrlFault(const std::string& url) {
+  std::string_view rest = url;
+  const bool is_http = rest.starts_with("http://");
+  if (!is_http && !rest.starts_with("https://")) {
+    return "it starts with neither http:// nor https://";
+  }
+  rest.remove_prefix(is_http ? 7 : 8);
+  if (!std::all_of(rest.begin(), rest.end(), IsUrlByte)) {
+    return "it holds a blank, a control byte or a backslash";
+  }
+  const std::string_view authority = rest.substr(0, rest.find_first_of("/?#"));
+  if (authority.find('@') != std::string_view::npos) {
+    return "it holds user information";
+  }
+  const size_t colon = authority.find(':');
+  const std::string_view host = authority.substr(0, colon);
+  if (host.empty() || !std::all_of(host.begin(), host.end(), IsHostByte)) {
+    return "the host is no plain name or address";
+  }
+  if (colon != std::string_view::npos && !IsPort(authority.substr(colon + 1))) {
+    return "the port is not between 1 and 65535";
+  }
+  if (ReadHostWithLibrary(url) != host) return "the host is ambiguous";
+  return nullptr;
+}
+
+}  // namespace
+
+bool CheckUrl(const std::string& url, std::unique_ptr<Error>* error) {
+  const char* fault = FindUrlFault(url);
+  if (!fault) return true;
+  Error::AddTo(error, kCheckUrl, kErrorDomain, "invalid_url",
+               std::string("The URL cannot be requested: ") + fault);
+  return false;
+}
+
+bool CheckHeaders(const HeaderList& headers, std::unique_ptr<Error>* error) {
+  for (const auto& [name, value] : headers) {
+    if (name.empty() || !std::all_of(name.begin(), name.end(), IsTokenByte)) {
+      Error::AddTo(error, kCheckHeaders, kErrorDomain, "invalid_header",
+                   "The name of a header field is not valid");
+      return false;
+    }
+    if (!std::all_of(value.begin(), value.end(), IsFieldValueByte)) {
+      Error::AddTo(
+          error, kCheckHeaders, kErrorDomain, "invalid_header",
+          "The header field " + name + " holds a byte that HTTP cannot carry");
+      return false;
+    }
+  }
+  return true;
+}
+
+bool CanUseHttp2(const HeaderList& headers) {
+  const auto is_blank = [](char c) { return c == ' ' || c == '\t'; };
+  return std::none_of(headers.begin(), headers.end(), [&](const auto& header) {
+    const std::string& value = header.second;
+    return !value.empty() &&
+           (is_blank(value.front()) || is_blank(value.back()));
+  });
+}
+
+}  // namespace kestrix::http
