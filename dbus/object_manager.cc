@@ -97,8 +97,9 @@ void ObjectManager::OnNameOwnerChanged(Message signal) {
 }
 
 void ObjectManager::OnNameOwner(Message reply) {
+  // The text of an error is a string as well.
+  if (reply.GetError().is_set()) return;
   std::string owner;
-  // An error says that nobody owns the name yet.
   if (MessageReader(&reply).PopString(&owner)) SetOwner(owner);
 }
 
