@@ -179,7 +179,9 @@ class CurlTransport::Transfer {
     return Set(CURLOPT_PRIVATE, this) &&
            // Where the request goes, and nowhere else.
            Set(CURLOPT_URL, request_.url.c_str()) &&
-           Set(CURLOPT_PATH_AS_IS, 1L) &&
+           // The library would tidy the path up and encode what is not ASCII.
+           Set(CURLOPT_REQUEST_TARGET,
+               GetRequestTarget(request_.url).c_str()) &&
            Set(CURLOPT_PROTOCOLS_STR, "http,https") &&
            Set(CURLOPT_FOLLOWLOCATION, 0L) && Set(CURLOPT_PROXY, "") &&
            Set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED)) &&

@@ -100,6 +100,15 @@ bool CheckUrl(const std::string& url, std::unique_ptr<Error>* error) {
   return false;
 }
 
+std::string GetRequestTarget(const std::string& url) {
+  const size_t authority = url.find("//") + 2;
+  const size_t fragment = url.find('#', authority);
+  const size_t path = url.find_first_of("/?", authority);
+  if (path >= fragment) return "/";
+  const std::string target = url.substr(path, fragment - path);
+  return target.starts_with('/') ? target : "/" + target;
+}
+
 bool CheckHeaders(const HeaderList& headers, std::unique_ptr<Error>* error) {
   for (const auto& [name, value] : headers) {
     if (name.empty() || !std::all_of(name.begin(), name.end(), IsTokenByte)) {

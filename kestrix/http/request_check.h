@@ -22,6 +22,11 @@ namespace kestrix::http {
 // False, with invalid_url added to `error`, if the text is refused.
 bool CheckUrl(const std::string& url, std::unique_ptr<Error>* error);
 
+// What of `url` a request names to the server: the path and the query, byte for
+// byte as they stand, and "/" where there is no path. The fragment is never
+// sent (RFC 9110, section 4.2.5). Requires: CheckUrl() admits `url`.
+std::string GetRequestTarget(const std::string& url);
+
 // Whether the names are tokens and the values free of bytes that end or corrupt
 // a header field (RFC 9110, sections 5.1 and 5.5). False, with invalid_header
 // added to `error`, if not; the error never tells a value.
