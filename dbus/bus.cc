@@ -3,15 +3,20 @@
 
 #include "dbus/bus.h"
 
+#include <poll.h>
 #include <string.h>
 #include <systemd/sd-bus.h>
 
 #include "base/event_loop.h"
 #include "base/logging.h"
+#include "base/time.h"
 #include "dbus/object_manager.h"
 
 namespace dbus {
 namespace {
+
+// How long the end may be held up by a bus that does not read.
+constexpr base::TimeDelta kSendQueuedLimit = std::chrono::milliseconds(500);
 
 // What the bus library keeps for a registered callback; freed with its slot.
 using StoredCallback = Bus::MessageCallback;
@@ -50,6 +55,22 @@ bool IsLocalError(const sd_bus_error& error, int result) {
   return is_local;
 }
 
+// Hands queued messages over while the bus takes them. The library's own flush
+// would wait for a bus that has stopped reading for ever.
+void SendQueued(sd_bus* bus) {
+  const auto deadline = base::TimeTicks::Now() + kSendQueuedLimit;
+  while ((sd_bus_get_events(bus) & POLLOUT) != 0) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - base::TimeTicks::Now());
+    pollfd socket{sd_bus_get_fd(bus), POLLOUT, 0};
+    if (left.count() <= 0 ||
+        poll(&socket, 1, static_cast<int>(left.count())) <= 0 ||
+        sd_bus_process(bus, nullptr) < 0) {
+      return;
+    }
+  }
+}
+
 }  // namespace
 
 Slot::~Slot() { sd_bus_slot_unref(slot_); }
@@ -59,7 +80,8 @@ Bus::Bus(base::EventLoop* loop) : loop_(loop) {}
 Bus::~Bus() {
   object_managers_.clear();
   disconnected_slot_ = Slot();
-  sd_bus_flush_close_unref(bus_);
+  if (bus_) SendQueued(bus_);
+  sd_bus_close_unref(bus_);
 }
 
 bool Bus::Connect(std::string* reason) {

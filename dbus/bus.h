@@ -48,7 +48,8 @@ class Bus {
 
   // `loop` is borrowed and must outlive the bus.
   explicit Bus(base::EventLoop* loop);
-  // Sends what is still queued, as far as the bus takes it at once.
+  // Sends what is still queued, as far as the bus takes it within half a
+  // second.
   ~Bus();
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;

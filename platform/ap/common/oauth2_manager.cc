@@ -17,8 +17,9 @@ constexpr base::TimeDelta kMinRefreshInterval = std::chrono::seconds(30);
 
 }  // namespace
 
-// One literal, so that it can be read off a binary whole.
-const char kTokenEndpointUrl[] =
+// Kept as one literal, so that where a binary sends the credential can be read
+// off it.
+[[gnu::used, gnu::retain]] const char kTokenEndpointUrl[] =
     "https://" CLOUD_ACTION_TOKEN_HOST "/o/oauth2/token";
 
 OAuth2Manager::OAuth2Manager(
