@@ -5,6 +5,8 @@
 
 #include <cstdint>
 
+#include "base/utf8.h"
+
 namespace base {
 namespace {
 
@@ -40,30 +42,6 @@ void AppendControlCharacter(char c, std::string* output) {
   }
 }
 
-// The length of the UTF-8 encoded noncharacter that starts at `text`, 0 if
-// there is none. These are U+FDD0 to U+FDEF and the last two code points of
-// each plane (The Unicode Standard, section 23.7). `code_point` is set with a
-// non-zero result.
-size_t NoncharacterLength(std::string_view text, uint32_t* code_point) {
-  const auto byte = [&](size_t i) {
-    return static_cast<uint32_t>(static_cast<unsigned char>(text[i]));
-  };
-  size_t length = 0;
-  if (byte(0) == 0xef && text.size() >= 3) {
-    length = 3;
-    *code_point = 0xf000u | (byte(1) & 0x3f) << 6 | (byte(2) & 0x3f);
-  } else if (byte(0) >= 0xf0 && text.size() >= 4) {
-    length = 4;
-    *code_point = (byte(0) & 0x07) << 18 | (byte(1) & 0x3f) << 12 |
-                  (byte(2) & 0x3f) << 6 | (byte(3) & 0x3f);
-  } else {
-    return 0;
-  }
-  const bool noncharacter = (*code_point & 0xfffe) == 0xfffe ||
-                            (*code_point >= 0xfdd0 && *code_point <= 0xfdef);
-  return noncharacter ? length : 0;
-}
-
 void AppendCodePointEscape(uint32_t code_point, std::string* output) {
   if (code_point < 0x10000) {
     AppendUnicodeEscape(code_point, output);
@@ -94,8 +72,9 @@ void AppendString(std::string_view string, std::string* output) {
       AppendControlCharacter(string[i], output);
       copied = i + 1;
     } else if (byte >= 0xef) {
-      const size_t length = NoncharacterLength(string.substr(i), &code_point);
-      if (length == 0) continue;
+      // No noncharacter begins with a lower byte.
+      const size_t length = DecodeUtf8(string.substr(i), &code_point);
+      if (length == 0 || !IsNoncharacter(code_point)) continue;
       copy_until(i);
       AppendCodePointEscape(code_point, output);
       i += length - 1;

@@ -9,6 +9,8 @@
 
 #include <cstdlib>
 
+#include "base/utf8.h"
+
 namespace base {
 namespace {
 
@@ -20,21 +22,26 @@ void WriteToStderr(LogSeverity severity, const Location* location,
 LogSink g_sink = WriteToStderr;
 
 // Text from outside must not be able to forge a line or drive a terminal:
-// C0 and C1 control characters and DEL are written as escapes.
+// control characters, and bytes that are no characters, are written as escapes.
 std::string EscapeControlBytes(std::string_view text) {
   constexpr char kHex[] = "0123456789abcdef";
   std::string escaped;
   escaped.reserve(text.size());
-  unsigned char previous = 0;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool c1_control = previous == 0xc2 && byte >= 0x80 && byte < 0xa0;
-    if (byte < 0x20 || byte == 0x7f || c1_control) {
-      escaped += {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xf]};
+  while (!text.empty()) {
+    uint32_t code_point = 0;
+    const size_t decoded = DecodeUtf8(text, &code_point);
+    const size_t length = decoded == 0 ? 1 : decoded;
+    const bool control =
+        code_point < 0x20 || (code_point >= 0x7f && code_point < 0xa0);
+    if (decoded == 0 || control) {
+      for (const char c : text.substr(0, length)) {
+        const auto byte = static_cast<unsigned char>(c);
+        escaped += {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xf]};
+      }
     } else {
-      escaped += c;
+      escaped.append(text.substr(0, length));
     }
-    previous = byte;
+    text.remove_prefix(length);
   }
   return escaped;
 }

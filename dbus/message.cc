@@ -5,58 +5,27 @@
 
 #include <systemd/sd-bus.h>
 
+#include <string_view>
+
+#include "base/utf8.h"
+
 namespace dbus {
 namespace {
 
 std::string ToString(const char* text) { return text ? text : ""; }
 
-// The length of the well-formed UTF-8 sequence that `text` starts with, 0 if it
-// starts with none that the bus library takes.
-size_t SequenceLength(const std::string& text, size_t start) {
-  const auto byte = [&](size_t i) -> uint32_t {
-    return start + i < text.size() ? static_cast<unsigned char>(text[start + i])
-                                   : 0;
-  };
-  const auto continues = [&](size_t i) { return (byte(i) & 0xc0) == 0x80; };
-  const uint32_t lead = byte(0);
-  if (lead < 0x80) return lead == 0 ? 0 : 1;
-  uint32_t code_point = 0;
-  size_t length = 0;
-  if ((lead & 0xe0) == 0xc0 && continues(1)) {
-    length = 2;
-    code_point = (lead & 0x1f) << 6 | (byte(1) & 0x3f);
-    if (code_point < 0x80) return 0;
-  } else if ((lead & 0xf0) == 0xe0 && continues(1) && continues(2)) {
-    length = 3;
-    code_point = (lead & 0x0f) << 12 | (byte(1) & 0x3f) << 6 | (byte(2) & 0x3f);
-    if (code_point < 0x800) return 0;
-  } else if ((lead & 0xf8) == 0xf0 && continues(1) && continues(2) &&
-             continues(3)) {
-    length = 4;
-    code_point = (lead & 0x07) << 18 | (byte(1) & 0x3f) << 12 |
-                 (byte(2) & 0x3f) << 6 | (byte(3) & 0x3f);
-    if (code_point < 0x10000 || code_point > 0x10ffff) return 0;
-  } else {
-    return 0;
-  }
-  const bool surrogate = code_point >= 0xd800 && code_point <= 0xdfff;
-  const bool noncharacter = (code_point & 0xfffe) == 0xfffe ||
-                            (code_point >= 0xfdd0 && code_point <= 0xfdef);
-  return surrogate || noncharacter ? 0 : length;
-}
-
 // Error texts may quote what a server sent; the bus must still take them.
-std::string ReplaceInvalidText(const std::string& text) {
+std::string ReplaceInvalidText(std::string_view text) {
   std::string valid;
-  for (size_t i = 0; i < text.size();) {
-    const size_t length = SequenceLength(text, i);
-    if (length == 0) {
+  while (!text.empty()) {
+    uint32_t code_point = 0;
+    const size_t length = base::DecodeUtf8(text, &code_point);
+    if (length == 0 || code_point == 0 || base::IsNoncharacter(code_point)) {
       valid += '?';
-      ++i;
     } else {
-      valid.append(text, i, length);
-      i += length;
+      valid.append(text.substr(0, length));
     }
+    text.remove_prefix(length == 0 ? 1 : length);
   }
   return valid;
 }
