@@ -418,8 +418,8 @@ class Refusal(Exception):
 
 def say(event):
     """Prints an event for a person."""
-    if event["event"] != "call":
-        print("agent: " + event["event"], flush=True)
+    if event["event"] == "disconnected":
+        print("agent: the bus has gone", flush=True)
     elif event["interface"] in (MANAGER, COMMAND):
         note = " REFUSED: " + event["refused"] if event["refused"] else ""
         print("agent: %s.%s on %s (%s) %s%s" % (
@@ -481,9 +481,14 @@ def main():
         parser.error("DBUS_SYSTEM_BUS_ADDRESS is not set: this program "
                      "stays off the machine's own bus")
     loop = GLib.MainLoop()
+
+    def say_and_end_with_the_bus(event):
+        say(event)
+        if event["event"] == "disconnected":
+            loop.quit()
     try:
-        agent = Agent(address, Contract(INTERFACES),
-                      write_line if options.json else say)
+        agent = Agent(address, Contract(INTERFACES), write_line
+                      if options.json else say_and_end_with_the_bus)
         if options.json:
             ControlChannel(agent, loop)
             write_line({"event": "ready"})

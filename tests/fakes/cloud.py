@@ -149,14 +149,6 @@ class Server:
                 raise TimeoutError("waited %s s for connection %d, saw %d" % (
                     deadline_s, count, self.connections))
 
-    def wait_until_idle(self, deadline_s=10):
-        """Waits until no connection is open any more."""
-        with self._changed:
-            if not self._changed.wait_for(
-                    lambda: not self._sockets, deadline_s):
-                raise TimeoutError("waited %s s for %d connections to end" % (
-                    deadline_s, len(self._sockets)))
-
     def stop(self):
         """Closes everything and returns when all threads are done."""
         with self._changed:

@@ -21,7 +21,6 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.dirname(
 from values import build  # pylint: disable=wrong-import-position
 
 BUS = "org.freedesktop.DBus"
-BUS_PATH = "/org/freedesktop/DBus"
 
 
 class CallError(Exception):
@@ -181,10 +180,6 @@ class BusClient:
     def call(self, *arguments, deadline_s=60, **more):
         """Calls and waits: (signature, arguments), or raises CallError."""
         return self.start(*arguments, **more).result(deadline_s)
-
-    def round_trip(self):
-        """Returns when the bus has seen everything sent so far."""
-        self.call(BUS, BUS_PATH, BUS, "GetId")
 
     def request_name(self, name):
         self._loop.run(lambda: self._bus.request_name(
