@@ -91,6 +91,11 @@ struct Unretained {
 namespace internal {
 
 template <typename T>
+inline constexpr bool kIsWeak = false;
+template <typename T>
+inline constexpr bool kIsWeak<WeakPtr<T>> = true;
+
+template <typename T>
 T& Unwrap(T& bound) {
   return bound;
 }
@@ -110,13 +115,15 @@ auto Bind(Method method, Receiver receiver, Bound&&... bound) {
           stored = std::tuple<std::decay_t<Bound>...>(
               std::forward<Bound>(bound)...)](auto&&... rest) mutable {
     auto* object = receiver.get();
-    if (!object) return;
-    std::apply(
-        [&](auto&... arguments) {
-          (object->*method)(internal::Unwrap(arguments)...,
-                            std::forward<decltype(rest)>(rest)...);
-        },
-        stored);
+    const auto call = [&](auto&... arguments) {
+      return (object->*method)(internal::Unwrap(arguments)...,
+                               std::forward<decltype(rest)>(rest)...);
+    };
+    if constexpr (internal::kIsWeak<Receiver>) {
+      if (object) std::apply(call, stored);
+    } else {
+      return std::apply(call, stored);
+    }
   };
 }
 

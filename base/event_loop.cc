@@ -43,10 +43,7 @@ class FdSource final : public EventSource {
     if (revents & (EPOLLERR | EPOLLHUP)) {
       events |= EventLoop::kReadable | EventLoop::kWritable;
     }
-    // A copy: the callback may destroy this source.
-    const Callback<void(uint32_t)> callback =
-        static_cast<FdSource*>(self)->callback_;
-    callback.Run(events);
+    static_cast<FdSource*>(self)->callback_.Run(events);
     return 0;
   }
 
@@ -71,9 +68,7 @@ class SignalSource final : public EventSource {
 
  private:
   static int OnSignal(sd_event_source*, const signalfd_siginfo*, void* self) {
-    const Callback<void()> callback =
-        static_cast<SignalSource*>(self)->callback_;
-    callback.Run();
+    static_cast<SignalSource*>(self)->callback_.Run();
     return 0;
   }
 
@@ -170,8 +165,7 @@ void Timer::Start(TimeDelta delay) {
 void Timer::Stop() { sd_event_source_set_enabled(source_, SD_EVENT_OFF); }
 
 int Timer::OnDue(sd_event_source*, uint64_t, void* self) {
-  const Callback<void()> callback = static_cast<Timer*>(self)->callback_;
-  callback.Run();
+  static_cast<Timer*>(self)->callback_.Run();
   return 0;
 }
 

@@ -46,6 +46,13 @@ std::pair<std::string, std::string> SplitPath(const std::string& path) {
   return {path.substr(0, name_start), path.substr(name_start)};
 }
 
+// Makes what was renamed or deleted in `directory` survive a power cut.
+void SyncDirectory(const std::string& directory) {
+  const ScopedFd fd(open(directory.empty() ? "." : directory.c_str(),
+                         O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (fd.is_valid()) fsync(fd.get());
+}
+
 // Writes everything and puts it onto the disk. Returns as WriteFile() does.
 int WriteAndSync(int fd, const char* data, size_t length) {
   size_t written = 0;
@@ -113,11 +120,9 @@ int WriteFile(const FilePath& path, const char* data, size_t length) {
     errno = saved_errno;
     return complete ? -1 : written;
   }
-  // Makes the rename itself survive a power cut. The new content is in place
-  // already, so a failure here is no failure to write.
-  const ScopedFd directory_fd(open(directory.empty() ? "." : directory.c_str(),
-                                   O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (directory_fd.is_valid()) fsync(directory_fd.get());
+  // The new content is in place already, so a failure here is no failure to
+  // write.
+  SyncDirectory(directory);
   return written;
 }
 
@@ -137,8 +142,11 @@ void DeleteStaleTemporaries(const FilePath& path) {
 
 bool DeleteFile(const FilePath& path, bool recursive) {
   CHECK(!recursive) << "Only files are deleted";
-  return unlink(path.value().c_str()) == 0 || errno == ENOENT ||
-         errno == ENOTDIR;
+  if (unlink(path.value().c_str()) != 0) {
+    return errno == ENOENT || errno == ENOTDIR;
+  }
+  SyncDirectory(SplitPath(path.value()).first);
+  return true;
 }
 
 }  // namespace base

@@ -40,7 +40,8 @@ int WriteFile(const FilePath& path, const char* data, size_t length);
 // process was killed in its middle.
 void DeleteStaleTemporaries(const FilePath& path);
 
-// Deletes the file at `path`. True also if there is none. A directory is
+// Deletes the file at `path`, for good once this returns. True also if there is
+// none. A directory is
 // deleted only if `recursive` is true, which nothing here needs: it must be
 // false.
 bool DeleteFile(const FilePath& path, bool recursive);

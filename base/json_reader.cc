@@ -3,13 +3,16 @@
 
 #include "base/json_reader.h"
 
+// The parser alone, with the few definitions that it needs: the library's own
+// way of header-only use brings in code that does not build without exceptions.
+#include <algorithm>
 #include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/detail/impl/default_resource.ipp>
 #include <boost/json/detail/impl/stack.ipp>
 #include <boost/json/impl/error.ipp>
 #include <cstdlib>
+#include <numeric>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -30,37 +33,36 @@ void throw_exception(const std::exception& exception, const source_location&) {
 namespace base {
 namespace {
 
-// Below this a plain search is cheaper than building an index.
-constexpr size_t kIndexThreshold = 16;
-
 // Keeps of the members with one name the first place and the last value. A
-// hostile document may have a hundred thousand members, so this is never
-// quadratic.
+// hostile document may have a hundred thousand members with names of its
+// choosing: sorting is quick whatever they are, where a hash table is not.
 void MergeDuplicates(Value::Members* members) {
-  Value::Members merged;
-  merged.reserve(members->size());
-  std::unordered_map<std::string_view, size_t> places;
-  const bool use_index = members->size() > kIndexThreshold;
-  if (use_index) places.reserve(members->size());
-  for (auto& member : *members) {
-    size_t place = merged.size();
-    if (use_index) {
-      // The names viewed are those in `merged`, which never reallocates.
-      const auto found = places.find(member.first);
-      if (found != places.end()) place = found->second;
-    } else {
-      for (size_t i = 0; i < merged.size(); ++i) {
-        if (merged[i].first == member.first) place = i;
-      }
-    }
-    if (place < merged.size()) {
-      merged[place].second = std::move(member.second);
+  std::vector<size_t> order(members->size());
+  std::iota(order.begin(), order.end(), size_t{0});
+  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
+    return (*members)[a].first < (*members)[b].first;
+  });
+  std::vector<bool> repeated(members->size());
+  size_t repetitions = 0;
+  for (size_t i = 1, first = 0; i < order.size(); ++i) {
+    auto& earlier = (*members)[order[first]];
+    auto& later = (*members)[order[i]];
+    if (later.first != earlier.first) {
+      first = i;
       continue;
     }
-    merged.push_back(std::move(member));
-    if (use_index) places.emplace(merged.back().first, place);
+    earlier.second = std::move(later.second);
+    repeated[order[i]] = true;
+    ++repetitions;
   }
-  *members = std::move(merged);
+  if (repetitions == 0) return;
+  size_t kept = 0;
+  for (size_t i = 0; i < members->size(); ++i) {
+    if (repeated[i]) continue;
+    if (kept != i) (*members)[kept] = std::move((*members)[i]);
+    ++kept;
+  }
+  members->resize(kept);
 }
 
 // Builds values from the parser's events. The events come in the order of the

@@ -19,7 +19,8 @@ class JSONReader {
   // Parses one JSON value (RFC 8259, strictly: no comments, no trailing commas,
   // no byte order mark, valid UTF-8, no lone surrogates). Of members with the
   // same name the last one counts, in the place of the first. Null if `text` is
-  // anything else, or nests deeper than kMaxDepth.
+  // anything else, nests deeper than kMaxDepth, or holds a number whose
+  // exponent is beyond 32 bits.
   static std::unique_ptr<Value> Read(std::string_view text);
 };
 

@@ -94,6 +94,11 @@ void WriteLogLineToStderr(std::string_view header, std::string_view text) {
 }
 
 LogMessage::~LogMessage() {
+  if (text_.size() > kMaxLogText) {
+    const std::string size = std::to_string(text_.size());
+    text_.resize(kMaxLogText);
+    text_.append("... (").append(size).append(" bytes)");
+  }
   g_sink(severity_, location_, EscapeControlBytes(text_));
   if (severity_ == LogSeverity::kFATAL) abort();
 }

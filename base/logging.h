@@ -5,6 +5,7 @@
 #define BASE_LOGGING_H_
 
 #include <concepts>
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -24,9 +25,13 @@ struct Location {
   int line;
 };
 
+// The most bytes of a message that are logged. System loggers drop long lines
+// altogether, which would let whoever sends us text hide what it does.
+inline constexpr size_t kMaxLogText = 8192;
+
 // Receives every finished log line. `location` is null for a line without a
 // stable identifier. `text` is one line: control bytes have been escaped as
-// \xNN.
+// \xNN. A message over kMaxLogText ends with how long it was.
 using LogSink = void (*)(LogSeverity severity, const Location* location,
                          std::string_view text);
 

@@ -16,7 +16,8 @@ namespace base {
 size_t DecodeUtf8(std::string_view text, uint32_t* code_point);
 
 // Whether the code point is set aside for internal use (The Unicode Standard,
-// section 23.7). JSON may hold such characters; D-Bus libraries refuse them.
+// section 23.7). JSON and D-Bus may hold such characters, but our bus library
+// refuses them.
 bool IsNoncharacter(uint32_t code_point);
 
 }  // namespace base

@@ -5,6 +5,7 @@
 #define BASE_WEAK_PTR_H_
 
 #include <memory>
+#include <utility>
 
 namespace base {
 
