@@ -26,9 +26,7 @@ void DeleteStoredCallback(void* stored) {
 }
 
 int RunStoredCallback(sd_bus_message* message, void* stored, sd_bus_error*) {
-  // A copy: the callback may destroy its slot.
-  const StoredCallback callback = *static_cast<StoredCallback*>(stored);
-  callback.Run(Message::Share(message));
+  static_cast<StoredCallback*>(stored)->Run(Message::Share(message));
   return 0;
 }
 
@@ -40,8 +38,9 @@ void OwnStoredCallback(sd_bus_slot* slot,
 }
 
 uint64_t ToTimeoutUs(int timeout_ms) {
-  // 0 stands for the library's default.
-  return timeout_ms < 0 ? 0 : static_cast<uint64_t>(timeout_ms) * 1000;
+  // For the library 0 stands for its default.
+  if (timeout_ms < 0) return 0;
+  return timeout_ms == 0 ? 1 : static_cast<uint64_t>(timeout_ms) * 1000;
 }
 
 // Whether the library itself made up `error` for the system error `result`, as
@@ -59,7 +58,9 @@ bool IsLocalError(const sd_bus_error& error, int result) {
 // would wait for a bus that has stopped reading for ever.
 void SendQueued(sd_bus* bus) {
   const auto deadline = base::TimeTicks::Now() + kSendQueuedLimit;
-  while ((sd_bus_get_events(bus) & POLLOUT) != 0) {
+  for (;;) {
+    const int events = sd_bus_get_events(bus);
+    if (events < 0 || (events & POLLOUT) == 0) return;
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - base::TimeTicks::Now());
     pollfd socket{sd_bus_get_fd(bus), POLLOUT, 0};
@@ -106,12 +107,16 @@ bool Bus::Connect(std::string* reason) {
       "type='signal',sender='org.freedesktop.DBus.Local',"
       "path='/org/freedesktop/DBus/Local',"
       "interface='org.freedesktop.DBus.Local',member='Disconnected'",
-      [this](Message signal) {
-        if (signal.GetSender() != "org.freedesktop.DBus.Local") return;
-        if (disconnected_callback_) disconnected_callback_.Run();
-      });
+      base::Bind(&Bus::OnDisconnected, base::Unretained(this)));
   return true;
 }
+
+void Bus::OnDisconnected(Message signal) {
+  if (signal.GetSender() != "org.freedesktop.DBus.Local") return;
+  if (disconnected_callback_) disconnected_callback_.Run();
+}
+
+bool Bus::IsOpen() const { return bus_ && sd_bus_is_open(bus_) > 0; }
 
 void Bus::SetDisconnectedCallback(base::Callback<void()> callback) {
   disconnected_callback_ = std::move(callback);
@@ -121,7 +126,7 @@ void Bus::RequestOwnership(
     const std::string& name,
     base::Callback<void(bool, const std::string&)> callback) {
   auto stored = std::make_unique<StoredCallback>([callback](Message reply) {
-    // Reply codes: D-Bus Specification, "org.freedesktop.DBus.RequestName".
+    // Reply codes: D-Bus, "org.freedesktop.DBus.RequestName".
     constexpr uint32_t kPrimaryOwner = 1;
     constexpr uint32_t kAlreadyOwner = 4;
     uint32_t code = 0;
@@ -153,8 +158,10 @@ Slot Bus::AddMatch(const std::string& rule, MessageCallback callback) {
   sd_bus_slot* slot = nullptr;
   const int result = sd_bus_add_match_async(
       bus_, &slot, rule.c_str(), RunStoredCallback, nullptr, stored.get());
-  CHECK(result >= 0) << "Cannot add the match " << rule << ": "
-                     << strerror(-result);
+  if (result < 0) {
+    LOG(ERROR) << "Cannot add the match " << rule << ": " << strerror(-result);
+    return Slot();
+  }
   OwnStoredCallback(slot, std::move(stored));
   return Slot(slot);
 }

@@ -59,6 +59,8 @@ class Bus {
   // welcomed us. On failure `reason` says why; the object is then of no use.
   bool Connect(std::string* reason);
   bool is_connected() const { return bus_ != nullptr; }
+  // Whether the connection stands now.
+  bool IsOpen() const;
 
   // Runs `callback` from the loop when the bus closes the connection.
   void SetDisconnectedCallback(base::Callback<void()> callback);
@@ -70,9 +72,10 @@ class Bus {
       const std::string& name,
       base::Callback<void(bool owned, const std::string& reason)> callback);
 
-  // Runs `callback` for each signal that matches `rule` (D-Bus Specification,
+  // Runs `callback` for each signal that matches `rule` (D-Bus,
   // "Match Rules") until the slot is destroyed. Signals can be addressed to us
-  // by anyone: the callback must check the sender.
+  // by anyone: the callback must check the sender. A rule that cannot be added,
+  // since the connection is gone, is logged.
   Slot AddMatch(const std::string& rule, MessageCallback callback);
 
   // Sends `call` and waits for the reply without serving the loop. Returns the
@@ -99,7 +102,7 @@ class Bus {
   sd_bus* get() const { return bus_; }
 
  private:
-  static int OnDisconnected(sd_bus* bus, void* self);
+  void OnDisconnected(Message signal);
 
   base::EventLoop* loop_;  // Not owned; outlives this.
   sd_bus* bus_ = nullptr;

@@ -15,34 +15,13 @@ namespace {
 // serves introspection and the object manager.
 int NeverReached(sd_bus_message*, void*, sd_bus_error*) { return 0; }
 
-sd_bus_vtable TableStart() {
-  sd_bus_vtable entry{};
-  entry.type = _SD_BUS_VTABLE_START;
-  entry.x.start.element_size = sizeof(sd_bus_vtable);
-  entry.x.start.features = _SD_BUS_VTABLE_PARAM_NAMES;
-  entry.x.start.vtable_format_reference = &sd_bus_object_vtable_format;
-  return entry;
-}
-
-sd_bus_vtable TableEnd() {
-  sd_bus_vtable entry{};
-  entry.type = _SD_BUS_VTABLE_END;
-  return entry;
-}
-
-// `method` and `names` are borrowed as long as the table is in use.
+// `method` and `names` are borrowed as long as the entry is in use. What may be
+// called is the bus policy's decision, so the library asks for no privilege.
 sd_bus_vtable TableMethod(const ExportedMethod& method,
                           const std::string& names) {
-  sd_bus_vtable entry{};
-  entry.type = _SD_BUS_VTABLE_METHOD;
-  // What may be called is the bus policy's decision.
-  entry.flags = SD_BUS_VTABLE_UNPRIVILEGED;
-  entry.x.method.member = method.name.c_str();
-  entry.x.method.signature = method.in_signature.c_str();
-  entry.x.method.result = method.out_signature.c_str();
-  entry.x.method.handler = NeverReached;
-  entry.x.method.names = names.c_str();
-  return entry;
+  return SD_BUS_METHOD_WITH_NAMES(
+      method.name.c_str(), method.in_signature.c_str(), names.c_str(),
+      method.out_signature.c_str(), , NeverReached, SD_BUS_VTABLE_UNPRIVILEGED);
 }
 
 }  // namespace
@@ -51,8 +30,12 @@ struct ExportedObject::Interface {
   static int OnMethodCall(sd_bus_message* message, void* stored,
                           sd_bus_error*) {
     const auto* self = static_cast<Interface*>(stored);
+    // A call may leave the interface out (D-Bus, "Message Types"): then the
+    // member alone counts.
+    const char* interface_name =
+        sd_bus_message_get_interface(message) ? self->name.c_str() : nullptr;
     for (const ExportedMethod& method : self->methods) {
-      if (sd_bus_message_is_method_call(message, self->name.c_str(),
+      if (sd_bus_message_is_method_call(message, interface_name,
                                         method.name.c_str()) > 0) {
         const ExportedMethod::Handler handler = method.handler;
         handler.Run(Message::Share(message));
@@ -94,7 +77,7 @@ bool ExportedObject::AddInterface(const std::string& interface_name,
   auto interface = std::make_unique<Interface>();
   interface->name = interface_name;
   interface->methods = std::move(methods);
-  interface->table.push_back(TableStart());
+  interface->table.push_back(SD_BUS_VTABLE_START(0));
   interface->names.reserve(interface->methods.size());
   for (const ExportedMethod& method : interface->methods) {
     std::string& names = interface->names.emplace_back();
@@ -103,7 +86,7 @@ bool ExportedObject::AddInterface(const std::string& interface_name,
     }
     interface->table.push_back(TableMethod(method, names));
   }
-  interface->table.push_back(TableEnd());
+  interface->table.push_back(SD_BUS_VTABLE_END);
 
   sd_bus_slot* slot = nullptr;
   int result = sd_bus_add_object(bus_->get(), &slot, path_.c_str(),

@@ -12,7 +12,7 @@ struct sd_bus_message;
 
 namespace dbus {
 
-// A D-Bus error (D-Bus Specification, "Message Types"). Empty: no error was
+// A D-Bus error (D-Bus, "Message Types"). Empty: no error was
 // reported.
 struct Error {
   bool is_set() const { return !name.empty(); }

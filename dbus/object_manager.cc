@@ -3,7 +3,6 @@
 
 #include "dbus/object_manager.h"
 
-#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -69,20 +68,15 @@ void ObjectManager::RegisterInterface(const std::string& interface_name,
 
 void ObjectManager::UnregisterInterface(const std::string& interface_name) {
   handlers_.erase(interface_name);
-  for (auto object = objects_.begin(); object != objects_.end();) {
-    object->second.interfaces.erase(interface_name);
-    object = object->second.interfaces.empty() ? objects_.erase(object)
-                                               : std::next(object);
-  }
+  std::erase_if(interfaces_, [&](const auto& entry) {
+    return entry.first.second == interface_name;
+  });
 }
 
 PropertySet* ObjectManager::GetProperties(const std::string& object_path,
                                           const std::string& interface_name) {
-  const auto object = objects_.find(object_path);
-  if (object == objects_.end()) return nullptr;
-  const auto found = object->second.interfaces.find(interface_name);
-  return found == object->second.interfaces.end() ? nullptr
-                                                  : found->second.get();
+  const auto found = interfaces_.find({object_path, interface_name});
+  return found == interfaces_.end() ? nullptr : found->second.properties.get();
 }
 
 void ObjectManager::OnNameOwnerChanged(Message signal) {
@@ -142,7 +136,7 @@ void ObjectManager::OnManagedObjects(Message reply) {
   while (reader.OpenDictEntry("oa{sa{sv}}")) {
     if (!reader.PopObjectPath(&object_path) ||
         !ReadInterfaces(object_path, &reader) || !reader.Close()) {
-      LogMalformed("GetManagedObjects reply");
+      LogUnreadable("GetManagedObjects reply");
       return;
     }
   }
@@ -153,9 +147,10 @@ void ObjectManager::OnInterfacesAdded(Message signal) {
   std::string object_path;
   MessageReader reader(&signal);
   if (signal.GetSignature() != "oa{sa{sv}}" ||
-      !reader.PopObjectPath(&object_path) ||
-      !ReadInterfaces(object_path, &reader)) {
+      !reader.PopObjectPath(&object_path)) {
     LogMalformed("InterfacesAdded signal");
+  } else if (!ReadInterfaces(object_path, &reader)) {
+    LogUnreadable("InterfacesAdded signal");
   }
 }
 
@@ -184,15 +179,13 @@ bool ObjectManager::ReadInterface(const std::string& object_path,
     known->NotifyChanged();
     return true;
   }
-  RemoteObject& object = objects_[object_path];
-  if (!object.proxy) {
-    object.proxy = std::make_unique<ObjectProxy>(bus_, service_, object_path);
-  }
+  auto proxy = std::make_unique<ObjectProxy>(bus_, service_, object_path);
   std::unique_ptr<PropertySet> properties = handler->second->CreateProperties(
-      object.proxy.get(), object_path, interface_name);
+      proxy.get(), object_path, interface_name);
   if (!properties->UpdateFromReader(reader)) return false;
   PropertySet* added = properties.get();
-  object.interfaces[interface_name] = std::move(properties);
+  interfaces_[{object_path, interface_name}] = {std::move(proxy),
+                                                std::move(properties)};
   added->NotifyChanged();
   handler->second->ObjectAdded(object_path, interface_name);
   return true;
@@ -217,18 +210,12 @@ void ObjectManager::RemoveInterface(const std::string& object_path,
                                     const std::string& interface_name) {
   if (!GetProperties(object_path, interface_name)) return;
   handlers_.at(interface_name)->ObjectRemoved(object_path, interface_name);
-  const auto object = objects_.find(object_path);
-  object->second.interfaces.erase(interface_name);
-  if (object->second.interfaces.empty()) objects_.erase(object);
+  interfaces_.erase({object_path, interface_name});
 }
 
 void ObjectManager::RemoveAllObjects() {
-  std::vector<std::pair<std::string, std::string>> known;
-  for (const auto& [object_path, object] : objects_) {
-    for (const auto& interface : object.interfaces) {
-      known.emplace_back(object_path, interface.first);
-    }
-  }
+  std::vector<InterfaceKey> known;
+  for (const auto& entry : interfaces_) known.push_back(entry.first);
   for (const auto& [object_path, interface_name] : known) {
     RemoveInterface(object_path, interface_name);
   }
@@ -247,9 +234,15 @@ void ObjectManager::OnPropertiesChanged(Message signal) {
   if (!properties) return;
   if (!properties->UpdateFromReader(&reader) ||
       !properties->InvalidateFromReader(&reader)) {
-    LogMalformed("PropertiesChanged signal");
+    LogUnreadable("PropertiesChanged signal");
   }
   properties->NotifyChanged();
+}
+
+// A string that holds a Unicode noncharacter passes the bus, and the bus
+// library then neither reads nor skips it: what follows in the message is lost.
+void ObjectManager::LogUnreadable(const std::string& what) const {
+  LOG(ERROR) << "Cannot read all of the " << what << " from " << service_;
 }
 
 void ObjectManager::LogMalformed(const std::string& what) const {

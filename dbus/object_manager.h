@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "base/weak_ptr.h"
 #include "dbus/bus.h"
@@ -17,7 +18,7 @@
 namespace dbus {
 
 // Follows the objects that another program publishes through
-// org.freedesktop.DBus.ObjectManager (D-Bus Specification, "Standard
+// org.freedesktop.DBus.ObjectManager (D-Bus, "Standard
 // Interfaces"), across that program's life: absent, there before us, restarted,
 // gone. Signals count only if they come from the connection that owns the
 // program's name now: anyone on the bus can send us a signal.
@@ -61,10 +62,13 @@ class ObjectManager {
                              const std::string& interface_name);
 
  private:
-  struct RemoteObject {
+  // One interface of one remote object.
+  struct RemoteInterface {
     std::unique_ptr<ObjectProxy> proxy;
-    std::map<std::string, std::unique_ptr<PropertySet>> interfaces;
+    std::unique_ptr<PropertySet> properties;
   };
+  // The object's path and the interface's name.
+  using InterfaceKey = std::pair<std::string, std::string>;
 
   void OnNameOwnerChanged(Message signal);
   void OnNameOwner(Message reply);
@@ -83,6 +87,7 @@ class ObjectManager {
                        const std::string& interface_name);
   void RemoveAllObjects();
   void LogMalformed(const std::string& what) const;
+  void LogUnreadable(const std::string& what) const;
 
   Bus* bus_;  // Not owned; outlives this.
   std::string service_;
@@ -90,7 +95,7 @@ class ObjectManager {
   // The unique name of the connection that owns `service_`; empty: nobody.
   std::string owner_;
   std::map<std::string, Interface*> handlers_;  // Not owned.
-  std::map<std::string, RemoteObject> objects_;
+  std::map<InterfaceKey, RemoteInterface> interfaces_;
   Slot name_owner_changed_;
   Slot interfaces_added_;
   Slot interfaces_removed_;

@@ -5,6 +5,7 @@
 #define DBUS_OBJECT_PROXY_H_
 
 #include <string>
+#include <utility>
 
 #include "dbus/bus.h"
 #include "dbus/message.h"

@@ -20,14 +20,15 @@ bool PropertySet::UpdateFromReader(MessageReader* reader) {
       if (!reader->Skip()) return false;
     } else {
       if (!reader->OpenVariant(type.c_str())) return false;
-      if (property->PopValueFromReader(reader)) {
+      const bool usable = property->PopValueFromReader(reader);
+      if (!reader->Close()) return false;
+      if (usable) {
         changed_.push_back(name);
       } else {
         LOG(WARNING) << "Ignoring the property " << interface_name_ << "."
                      << name << " of " << object_path_ << ": it has the type \""
                      << type << "\"";
       }
-      if (!reader->Close()) return false;
     }
     if (!reader->Close()) return false;
   }

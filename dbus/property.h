@@ -26,9 +26,7 @@ class PropertyBase {
   virtual void Clear() = 0;
 };
 
-// `T` needs a function PopValueFromReader(MessageReader*, T*) in its own
-// namespace or in that of one of its arguments' traits; see
-// kestrix/dbus_utils/data_serialization.h for the types that have one.
+// `kPop` reads a `T`; it returns false if the next value is none.
 template <typename T, bool (*kPop)(MessageReader*, T*)>
 class Property final : public PropertyBase {
  public:
