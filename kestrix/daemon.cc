@@ -21,7 +21,8 @@ void Daemon::RegisterHandler(int signal_number, SignalHandler handler) {
   Registration& registration = handlers_[signal_number];
   registration.handler = std::move(handler);
   registration.source = loop_.WatchSignal(
-      signal_number, [this, signal_number] { OnSignal(signal_number); });
+      signal_number,
+      base::Bind(&Daemon::OnSignal, base::Unretained(this), signal_number));
   CHECK(registration.source != nullptr)
       << "Cannot watch the signal " << signal_number;
 }
@@ -31,9 +32,9 @@ void Daemon::UnregisterHandler(int signal_number) {
 }
 
 void Daemon::OnSignal(int signal_number) {
-  // A copy: the handler may unregister itself.
-  const SignalHandler handler = handlers_[signal_number].handler;
-  if (handler.Run(signal_number)) UnregisterHandler(signal_number);
+  if (handlers_[signal_number].handler.Run(signal_number)) {
+    UnregisterHandler(signal_number);
+  }
 }
 
 int Daemon::Run() {
@@ -51,9 +52,10 @@ int Daemon::OnInit() {
   signal(SIGPIPE, SIG_IGN);
   for (const int signal_number : {SIGTERM, SIGINT}) {
     RegisterHandler(signal_number,
-                    [this](int number) { return OnTermination(number); });
+                    base::Bind(&Daemon::OnTermination, base::Unretained(this)));
   }
-  RegisterHandler(SIGHUP, [this](int number) { return OnHangup(number); });
+  RegisterHandler(SIGHUP,
+                  base::Bind(&Daemon::OnHangup, base::Unretained(this)));
   return EX_OK;
 }
 

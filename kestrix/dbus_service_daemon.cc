@@ -20,9 +20,6 @@ DBusServiceDaemon::DBusServiceDaemon(std::string service_name,
 DBusServiceDaemon::~DBusServiceDaemon() = default;
 
 int DBusServiceDaemon::OnInit() {
-  const int return_code = Daemon::OnInit();
-  if (return_code != EX_OK) return return_code;
-
   const auto self = weak_ptr_factory_.GetWeakPtr();
   bus_ = std::make_unique<dbus::Bus>(event_loop());
   std::string reason;
@@ -32,6 +29,10 @@ int DBusServiceDaemon::OnInit() {
   }
   bus_->SetDisconnectedCallback(
       base::Bind(&DBusServiceDaemon::OnBusDisconnected, self));
+  // Only now, so that a signal ends at once a process that waits for a bus
+  // which does not answer.
+  const int return_code = Daemon::OnInit();
+  if (return_code != EX_OK) return return_code;
 
   auto sequencer = std::make_unique<dbus_utils::AsyncEventSequencer>();
   exported_object_manager_ =

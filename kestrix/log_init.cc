@@ -3,13 +3,13 @@
 
 #include "kestrix/log_init.h"
 
+#include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <string>
 #include <string_view>
 
-// The header above leaks priorities such as LOG_INFO into the namespace, but no
-// macro that the logging header needs.
 #include "base/logging.h"
 
 namespace kestrix {
@@ -42,9 +42,18 @@ void WriteLogLine(base::LogSeverity severity, const base::Location* location,
   if (g_flags & kLogToStderr) base::WriteLogLineToStderr(header, text);
 }
 
+// Whoever starts us may leave out standard descriptors. A socket would then
+// take such a number, and log lines would be written into it.
+void OpenStandardDescriptors() {
+  int fd = 0;
+  while (fd >= 0 && fd <= 2) fd = open("/dev/null", O_RDWR);
+  if (fd > 2) close(fd);
+}
+
 }  // namespace
 
 void InitLog(int flags) {
+  OpenStandardDescriptors();
   g_flags = flags;
   // The library takes the program's own name for the identity.
   if (flags & kLogToSyslog) openlog(nullptr, LOG_PID, LOG_DAEMON);

@@ -15,7 +15,8 @@ enum LogFlags {
 
 // Sends the log to where `flags`, a union of LogFlags, says. INFO goes to the
 // system log as LOG_INFO, WARNING as LOG_WARNING, ERROR as LOG_ERR and FATAL as
-// LOG_CRIT, in the facility LOG_DAEMON.
+// LOG_CRIT, in the facility LOG_DAEMON. Standard descriptors that are closed
+// are opened to nowhere first. Requires: called before anything else is opened.
 void InitLog(int flags);
 
 }  // namespace kestrix

@@ -82,7 +82,7 @@ bool PopValueFromReader(dbus::MessageReader* reader, int32_t* output) {
   return reader->PopInt32(output);
 }
 
-// The bus limits how deep variants nest (D-Bus Specification, "Valid
+// The bus limits how deep variants nest (D-Bus, "Valid
 // Signatures" and "Message Format"), and thereby this recursion.
 bool PopValueFromReader(dbus::MessageReader* reader,
                         VariantDictionary* output) {

@@ -47,7 +47,12 @@ void DBusMethodResponseBase::CheckCanSendResponse() const {
 }
 
 void DBusMethodResponseBase::SendError(const std::string& name,
-                                       const std::string& text) {
+                                       std::string text) {
+  if (text.size() > kMaxErrorText) {
+    const std::string size = std::to_string(text.size());
+    text.resize(kMaxErrorText);
+    text.append("... (").append(size).append(" bytes)");
+  }
   std::exchange(sender_, {}).Run(method_call_.CreateErrorReply(name, text));
 }
 

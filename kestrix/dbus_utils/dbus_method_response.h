@@ -4,7 +4,9 @@
 #ifndef KESTRIX_DBUS_UTILS_DBUS_METHOD_RESPONSE_H_
 #define KESTRIX_DBUS_UTILS_DBUS_METHOD_RESPONSE_H_
 
+#include <cstddef>
 #include <string>
+#include <utility>
 
 #include "base/callback.h"
 #include "dbus/message.h"
@@ -14,6 +16,11 @@
 namespace kestrix::dbus_utils {
 
 using ResponseSender = base::Callback<void(dbus::Message response)>;
+
+// The most bytes of an error text that are sent. Errors quote what the caller
+// sent; a caller that does not read its replies could otherwise pile up enough
+// of them to make the bus stop serving us.
+inline constexpr size_t kMaxErrorText = 4096;
 
 // The pending reply of one method call, to be sent at most once: a second try
 // is a fatal error. If it is destroyed unsent, the caller gets the error
@@ -27,7 +34,8 @@ class DBusMethodResponseBase {
 
   // Answers with an error. One in the D-Bus domain travels under its code as
   // the D-Bus error name, with its message. Any other becomes
-  // org.freedesktop.DBus.Error.Failed with the text "domain/code: message".
+  // org.freedesktop.DBus.Error.Failed with the text "domain/code: message". A
+  // text over kMaxErrorText is cut and says how long it was.
   void ReplyWithError(const Error* error);
 
   // Answers with `response`, made by CreateCustomResponse() or not.
@@ -41,7 +49,7 @@ class DBusMethodResponseBase {
   void CheckCanSendResponse() const;
 
  private:
-  void SendError(const std::string& name, const std::string& text);
+  void SendError(const std::string& name, std::string text);
 
   dbus::Message method_call_;
   ResponseSender sender_;

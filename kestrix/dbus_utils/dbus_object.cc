@@ -22,16 +22,18 @@ void DBusInterface::AddHandlerImpl(
       .handler =
           [handler = std::shared_ptr<DBusInterfaceMethodHandlerInterface>(
                std::move(handler))](dbus::Message call) {
-            handler->HandleMethod(
-                std::move(call),
-                [](const dbus::Message& response) { response.Send(); });
+            handler->HandleMethod(std::move(call),
+                                  [](const dbus::Message& response) {
+                                    if (!response.Send())
+                                      LOG(WARNING) << "A reply was lost";
+                                  });
           },
   });
 }
 
-DBusObject::DBusObject(ExportedObjectManager* object_manager, dbus::Bus* bus,
-                       std::string path)
-    : object_manager_(object_manager), bus_(bus), path_(std::move(path)) {}
+DBusObject::DBusObject(ExportedObjectManager* /*object_manager*/,
+                       dbus::Bus* bus, std::string path)
+    : bus_(bus), path_(std::move(path)) {}
 
 DBusInterface* DBusObject::AddOrGetInterface(
     const std::string& interface_name) {
@@ -47,7 +49,12 @@ void DBusObject::RegisterAsync(base::Callback<void(bool)> callback) {
               exported_object_->AddInterface(name, interface.methods_, &reason);
   }
   success = success && exported_object_->Announce(&reason);
-  if (!success) LOG(ERROR) << "Cannot export " << path_ << ": " << reason;
+  if (!success) {
+    LOG(ERROR) << "Cannot export " << path_ << ": " << reason;
+    // The end of the connection is no fault of the object: it ends the daemon
+    // in its own way.
+    if (!bus_->IsOpen()) return;
+  }
   base::EventLoop::Current()->PostTask(
       [callback = std::move(callback), success] { callback.Run(success); });
 }

@@ -43,7 +43,8 @@ class DBusInterface {
 // takes it from the bus and from the object manager.
 class DBusObject {
  public:
-  // `object_manager` and `bus` are borrowed and must outlive the object.
+  // `bus` is borrowed and must outlive the object. `object_manager`, which must
+  // be at a path above `path`, announces the object by that alone.
   DBusObject(ExportedObjectManager* object_manager, dbus::Bus* bus,
              std::string path);
 
@@ -52,12 +53,12 @@ class DBusObject {
   DBusInterface* AddOrGetInterface(const std::string& interface_name);
 
   // Puts the object with its interfaces onto the bus. `callback` runs once,
-  // from the loop. Calls may come as soon as the loop runs.
+  // from the loop, unless the connection has ended. Calls may come as soon as
+  // the loop runs.
   void RegisterAsync(base::Callback<void(bool success)> callback);
 
  private:
-  ExportedObjectManager* object_manager_;  // Not owned; outlives this.
-  dbus::Bus* bus_;                         // Not owned; outlives this.
+  dbus::Bus* bus_;  // Not owned; outlives this.
   std::string path_;
   std::map<std::string, DBusInterface> interfaces_;
   std::unique_ptr<dbus::ExportedObject> exported_object_;

@@ -5,7 +5,10 @@
 
 #include <curl/curl.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 
+#include <algorithm>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -76,6 +79,25 @@ class CurlTransport::Library {
   ~Library() { curl_global_cleanup(); }
 };
 
+namespace {
+
+// Raises the limit of open files to what is allowed, and returns how many of
+// them connections may take. The rest is for the bus and for files: a token
+// must still get onto the disk while requests are many.
+long ClaimDescriptors() {
+  constexpr rlim_t kReserved = 64;
+  constexpr rlim_t kEnough = 65536;
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
+  limit.rlim_cur = std::min(limit.rlim_max, std::max(limit.rlim_cur, kEnough));
+  setrlimit(RLIMIT_NOFILE, &limit);
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlim_t usable = std::min(limit.rlim_cur, kEnough);
+  return static_cast<long>(std::max(usable, kReserved + 1) - kReserved);
+}
+
+}  // namespace
+
 struct CurlTransport::MultiHandle {
   MultiHandle() : get(curl_multi_init()) {
     CHECK(get != nullptr) << "Cannot set up HTTP";
@@ -127,6 +149,10 @@ class CurlTransport::Transfer {
   void ReportRefused() { error_callback_.Run(id_, refusal_.get()); }
 
   void ReportDone(CURLcode result) {
+    // The library takes a header that just stops for a whole one.
+    if (result == CURLE_OK && !header_ended_) result = CURLE_PARTIAL_FILE;
+    // What it says of a header line beyond a limit of its own.
+    if (result == CURLE_OUT_OF_MEMORY) too_large_ = true;
     if (result == CURLE_OK) {
       long status = 0;
       curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
@@ -225,13 +251,17 @@ class CurlTransport::Transfer {
     return size;
   }
 
-  static size_t OnHeader(char*, size_t, size_t size, void* transfer) {
+  static size_t OnHeader(char* data, size_t, size_t size, void* transfer) {
     auto* self = static_cast<Transfer*>(transfer);
     if (size > kMaxHeaderSize - self->header_size_) {
       self->too_large_ = true;
       return 0;
     }
     self->header_size_ += size;
+    const std::string_view line(data, size);
+    // A final response follows an interim one.
+    if (line.starts_with("HTTP/")) self->header_ended_ = false;
+    if (line == "\r\n" || line == "\n") self->header_ended_ = true;
     return size;
   }
 
@@ -245,6 +275,7 @@ class CurlTransport::Transfer {
   std::unique_ptr<Error> refusal_;
   std::string body_;
   size_t header_size_ = 0;
+  bool header_ended_ = false;
   bool too_large_ = false;
   char error_text_[CURL_ERROR_SIZE] = {};
 };
@@ -259,6 +290,9 @@ CurlTransport::CurlTransport(base::EventLoop* loop)
   curl_multi_setopt(multi_->get, CURLMOPT_SOCKETDATA, this);
   curl_multi_setopt(multi_->get, CURLMOPT_TIMERFUNCTION, &OnTimerInterest);
   curl_multi_setopt(multi_->get, CURLMOPT_TIMERDATA, this);
+  // Requests beyond that wait for a connection within their own time.
+  curl_multi_setopt(multi_->get, CURLMOPT_MAX_TOTAL_CONNECTIONS,
+                    ClaimDescriptors());
 }
 
 CurlTransport::~CurlTransport() {

@@ -18,14 +18,29 @@ namespace {
 
 constexpr char kFile[] = "kestrix/http/http_utils";
 constexpr base::Location kPostJson{"PostJson", kFile, 0};
+constexpr base::Location kPostFormData{"PostFormData", kFile, 0};
 constexpr base::Location kParseJsonResponse{"ParseJsonResponse", kFile, 0};
 
-void AppendEncoded(const std::string& text, std::string* output) {
+// False if the text is longer than the library encodes (8 MB).
+bool AppendEncoded(const std::string& text, std::string* output) {
   char* encoded =
       curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size()));
-  if (!encoded) return;
+  if (!encoded) return false;
   output->append(encoded);
   curl_free(encoded);
+  return true;
+}
+
+// Reports, from the loop, that a request cannot be sent.
+RequestId FailLater(const base::Location& location,
+                    const ErrorCallback& error_callback) {
+  base::EventLoop::Current()->PostTask([location, error_callback] {
+    const std::unique_ptr<Error> error =
+        Error::Create(location, kErrorDomain, "too_large",
+                      "The request body is larger than this device sends");
+    error_callback.Run(0, error.get());
+  });
+  return 0;
 }
 
 RequestId Post(const std::string& url, std::string body,
@@ -63,13 +78,7 @@ RequestId PostJson(const std::string& url, std::unique_ptr<base::Value> json,
                    const ErrorCallback& error_callback) {
   std::string body;
   if (!base::JSONWriter::Write(*json, &body)) {
-    base::EventLoop::Current()->PostTask([error_callback] {
-      const std::unique_ptr<Error> error =
-          Error::Create(kPostJson, kErrorDomain, "too_large",
-                        "The request body is larger than this device sends");
-      error_callback.Run(0, error.get());
-    });
-    return 0;
+    return FailLater(kPostJson, error_callback);
   }
   return Post(url, std::move(body), mime::application::kJson, headers,
               transport, success_callback, error_callback);
@@ -83,9 +92,10 @@ RequestId PostFormData(const std::string& url, const FormFieldList& form_fields,
   std::string body;
   for (const auto& [name, value] : form_fields) {
     if (!body.empty()) body += '&';
-    AppendEncoded(name, &body);
+    bool encoded = AppendEncoded(name, &body);
     body += '=';
-    AppendEncoded(value, &body);
+    encoded = encoded && AppendEncoded(value, &body);
+    if (!encoded) return FailLater(kPostFormData, error_callback);
   }
   return Post(url, std::move(body), mime::application::kWwwFormUrlEncoded,
               headers, transport, success_callback, error_callback);

@@ -35,7 +35,7 @@ struct Request {
   std::string method;
   // An absolute URL, sent as it stands but for its fragment.
   std::string url;
-  // Sent in this order after the fields that HTTP itself needs.
+  // Sent in this order, after Host and before Content-Length.
   HeaderList headers;
   std::string body;
 };
