@@ -463,7 +463,8 @@ std::unique_ptr<dbus::PropertySet> ObjectManagerProxy::CreateProperties(
                  weak_ptr_factory_.GetWeakPtr(), object_path, interface_name);
   if (interface_name == kCommandInterface) {
     return std::make_unique<CommandProxy::PropertySet>(object_proxy, changed);
-  } else if (interface_name == kManagerInterface) {
+  }
+  if (interface_name == kManagerInterface) {
     return std::make_unique<ManagerProxy::PropertySet>(object_proxy, changed);
   }
   LOG(FATAL) << "Creating properties for unsupported interface "

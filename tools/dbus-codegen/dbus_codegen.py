@@ -42,17 +42,18 @@ def main():
     arguments = parser.parse_args()
 
     try:
-        service = description.read(arguments.xml)
+        service = description.read(
+            arguments.xml, ours=arguments.command == "adaptors")
         origin = "interfaces/" + os.path.basename(arguments.xml)
         guard = cpp_writer.guard(arguments.header)
         if arguments.command == "proxies":
-            write(arguments.header,
-                  cpp_writer.proxies_header(service, origin, guard))
-            write(arguments.source, cpp_writer.proxies_source(
-                service, origin, arguments.include))
+            header = cpp_writer.proxies_header(service, origin, guard)
+            source = cpp_writer.proxies_source(
+                service, origin, arguments.include)
+            write(arguments.source, source)
         else:
-            write(arguments.header,
-                  cpp_writer.adaptors_header(service, origin, guard))
+            header = cpp_writer.adaptors_header(service, origin, guard)
+        write(arguments.header, header)
     except description.DescriptionError as error:
         sys.exit("dbus_codegen: %s: %s" % (arguments.xml, error))
     except OSError as error:

@@ -277,8 +277,11 @@ def _read_interface(element):
     return interface
 
 
-def read(path):
-    """The Service that the file describes; DescriptionError if it is wrong."""
+def read(path, ours):
+    """The Service that the file describes; DescriptionError if it is wrong.
+
+    `ours` says that the objects are our own.
+    """
     root = _parse(path)
     if root.tag != "node":
         root.fail("the root is <%s>, not <node>" % root.tag)
@@ -290,6 +293,11 @@ def read(path):
         if child.tag != "interface":
             child.fail("<%s> in a node is not supported" % child.tag)
         interface = _read_interface(child)
+        if ours and interface.properties:
+            child.fail("%s: properties of our own objects are not supported" %
+                       interface.name)
+        if ours and not interface.methods:
+            child.fail("%s has no method" % interface.name)
         if interface.name in [known.name for known in service.interfaces]:
             child.fail("the interface %s is there twice" % interface.name)
         service.interfaces.append(interface)
