@@ -22,7 +22,7 @@ namespace kestrix::http {
 //   connect         no connection could be made
 //   tls             no secure connection to the right server could be made
 //   timeout         the answer was not complete in time
-//   too_large       the answer is over a limit
+//   too_large       the request or the answer is over a limit
 //   protocol        the answer is no HTTP, or ended early
 //   internal        anything else
 inline constexpr char kErrorDomain[] = "http";

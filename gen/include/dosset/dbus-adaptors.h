@@ -39,8 +39,9 @@ class ManagerInterface {
   // "actions/invalid_arguments" says that nothing was sent: the endpoint is no
   // URL or is not allowed, there is no credential yet, the method is another
   // one, or the body is not JSON. "actions/remote_error" says that the response
-  // is not a JSON object. The domain "http" says that no response came. A
-  // caller that we leave without an answer because we stop gets
+  // is not a JSON object, or does not fit into a reply. The domain "http" says
+  // that no response came, none that could be taken, or that the request could
+  // not be sent. A caller that we leave without an answer because we stop gets
   // org.freedesktop.DBus.Error.NoReply.
   //
   // `in_endpoint`: The whole http or https URL, which must match an allowed
