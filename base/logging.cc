@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 
+#include "base/strings.h"
 #include "base/utf8.h"
 
 namespace base {
@@ -94,11 +95,7 @@ void WriteLogLineToStderr(std::string_view header, std::string_view text) {
 }
 
 LogMessage::~LogMessage() {
-  if (text_.size() > kMaxLogText) {
-    const std::string size = std::to_string(text_.size());
-    text_.resize(kMaxLogText);
-    text_.append("... (").append(size).append(" bytes)");
-  }
+  CutLongText(&text_, kMaxLogText);
   g_sink(severity_, location_, EscapeControlBytes(text_));
   if (severity_ == LogSeverity::kFATAL) abort();
 }

@@ -95,6 +95,13 @@ void ReplaceSubstringsAfterOffset(std::string* text, size_t start_offset,
   *text = std::move(replaced);
 }
 
+void CutLongText(std::string* text, size_t max_size) {
+  if (text->size() <= max_size) return;
+  const std::string size = std::to_string(text->size());
+  text->resize(max_size);
+  text->append("... (").append(size).append(" bytes)");
+}
+
 bool StringToInt(std::string_view text, int* output) {
   // from_chars knows the minus sign only.
   if (text.starts_with('+')) {

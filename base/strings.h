@@ -43,6 +43,10 @@ void ReplaceSubstringsAfterOffset(std::string* text, size_t start_offset,
                                   std::string_view find,
                                   std::string_view replacement);
 
+// Cuts a text over `max_size` bytes there and appends "... (N bytes)", N being
+// what it had. A shorter text is left alone.
+void CutLongText(std::string* text, size_t max_size);
+
 // Reads a signed 32-bit decimal integer: an optional sign and digits, and
 // nothing else. On failure `output` is untouched.
 bool StringToInt(std::string_view text, int* output);

@@ -169,5 +169,17 @@ TEST(StringToIntTest, RefusesNul) {
   EXPECT_FALSE(StringToInt(std::string_view("1\0", 2), &output));
 }
 
+TEST(CutLongTextTest, LeavesATextOfTheLargestSizeAlone) {
+  std::string text = "12345";
+  CutLongText(&text, 5);
+  EXPECT_EQ(text, "12345");
+}
+
+TEST(CutLongTextTest, CutsALongerTextAndTellsItsLength) {
+  std::string text = "123456";
+  CutLongText(&text, 5);
+  EXPECT_EQ(text, "12345... (6 bytes)");
+}
+
 }  // namespace
 }  // namespace base

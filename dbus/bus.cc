@@ -76,6 +76,11 @@ void SendQueued(sd_bus* bus) {
 
 Slot::~Slot() { sd_bus_slot_unref(slot_); }
 
+void Slot::LeaveToBus() {
+  sd_bus_slot_set_floating(slot_, 1);
+  sd_bus_slot_unref(std::exchange(slot_, nullptr));
+}
+
 Bus::Bus(base::EventLoop* loop) : loop_(loop) {}
 
 Bus::~Bus() {
@@ -149,8 +154,7 @@ void Bus::RequestOwnership(
     return;
   }
   OwnStoredCallback(slot, std::move(stored));
-  sd_bus_slot_set_floating(slot, 1);
-  sd_bus_slot_unref(slot);
+  Slot(slot).LeaveToBus();
 }
 
 Slot Bus::AddMatch(const std::string& rule, MessageCallback callback) {
@@ -193,16 +197,9 @@ bool Bus::Call(const Message& call, int timeout_ms, MessageCallback callback,
 }
 
 bool Bus::Call(const Message& call, int timeout_ms, MessageCallback callback) {
-  auto stored = std::make_unique<StoredCallback>(std::move(callback));
-  sd_bus_slot* slot = nullptr;
-  const int result =
-      sd_bus_call_async(bus_, &slot, call.get(), RunStoredCallback,
-                        stored.get(), ToTimeoutUs(timeout_ms));
-  if (result < 0) return false;
-  OwnStoredCallback(slot, std::move(stored));
-  // Floating: the bus keeps the slot until the answer.
-  sd_bus_slot_set_floating(slot, 1);
-  sd_bus_slot_unref(slot);
+  Slot slot;
+  if (!Call(call, timeout_ms, std::move(callback), &slot)) return false;
+  slot.LeaveToBus();
   return true;
 }
 

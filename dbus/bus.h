@@ -36,6 +36,10 @@ class Slot {
   }
   ~Slot();
 
+  // Gives the registration to the bus, which keeps it until the one callback
+  // has run, or until its own end.
+  void LeaveToBus();
+
  private:
   sd_bus_slot* slot_ = nullptr;
 };

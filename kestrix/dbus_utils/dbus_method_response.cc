@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "base/strings.h"
 #include "kestrix/dbus_utils/dbus_errors.h"
 
 namespace kestrix::dbus_utils {
@@ -48,11 +49,7 @@ void DBusMethodResponseBase::CheckCanSendResponse() const {
 
 void DBusMethodResponseBase::SendError(const std::string& name,
                                        std::string text) {
-  if (text.size() > kMaxErrorText) {
-    const std::string size = std::to_string(text.size());
-    text.resize(kMaxErrorText);
-    text.append("... (").append(size).append(" bytes)");
-  }
+  base::CutLongText(&text, kMaxErrorText);
   std::exchange(sender_, {}).Run(method_call_.CreateErrorReply(name, text));
 }
 
