@@ -36,6 +36,10 @@ _DATAGRAM = re.compile(
     rb"(.*)", re.DOTALL)
 
 
+def _text(data):
+    return data.decode("utf-8", errors="backslashreplace")
+
+
 @dataclasses.dataclass
 class LogLine:
     """One line of the log."""
@@ -74,7 +78,7 @@ class Syslog:
                     priority, identity, text = found.groups()
                     self._records.append(
                         (int(priority), identity.decode(),
-                         text.decode("utf-8", errors="backslashreplace")))
+                         _text(text)))
                 else:
                     self.strays.append(data)
                 self._changed.notify_all()
@@ -112,11 +116,14 @@ class Daemon:
         self._process = None
         self._pipe = None
         self._rest = b""
+        self._stdout = None
         self._pidfd = None
         self._watcher = None
         self._syslog_seen = 0
+        self._signalled = None
+        self._ended = None
         self.lines = []   # LogLine, of this run
-        self.strays = []  # other lines on stderr
+        self.strays = []  # other lines on stderr, of all runs
         self._has_syslog = True
 
     def start(self, arguments=(), environment=(), wait=True):
@@ -127,10 +134,12 @@ class Daemon:
         # hold all that the daemon says until then.
         fcntl.fcntl(reader, fcntl.F_SETPIPE_SZ, 1 << 20)
         os.set_blocking(reader, False)
-        self.lines, self.strays, self._rest = [], [], b""
+        self.lines, self._rest = [], b""
+        self._signalled = self._ended = None
+        self._stdout = os.memfd_create("stdout")
         self._process = subprocess.Popen(
             [self._program, *arguments], stdin=subprocess.DEVNULL,
-            stdout=subprocess.DEVNULL, stderr=writer,
+            stdout=self._stdout, stderr=writer,
             env={**os.environ, **dict(environment)})
         os.close(writer)
         self._pipe = reader
@@ -149,6 +158,7 @@ class Daemon:
 
     def _watch(self):
         select.select([self._pidfd], [], [])
+        self._ended = time.monotonic()
         self._client.poke()
 
     def _exited(self):
@@ -159,7 +169,12 @@ class Daemon:
         return self._process.pid
 
     def send_signal(self, number):
+        self._signalled = time.monotonic()
         self._process.send_signal(number)
+
+    def seconds_to_end(self):
+        """How long the run that has ended went on after its last signal."""
+        return self._ended - self._signalled
 
     def stop(self, number=signal.SIGTERM):
         """Ends the run and returns the exit code."""
@@ -169,7 +184,8 @@ class Daemon:
     def wait_for_exit(self, deadline_s=20, bus_gone=False):
         """Returns the exit code of a run that ends; negative for a signal.
 
-        The bus has seen it go by then, unless there is no bus any more.
+        It must have said nothing but log lines. The bus has seen it go by
+        then, unless there is no bus any more.
         """
         try:
             code = self._process.wait(deadline_s)
@@ -177,14 +193,20 @@ class Daemon:
             raise TimeoutError("waited %s s for the daemon to end: %s" % (
                 deadline_s, self._words())) from None
         self._drain()
+        if self._rest:
+            self.strays.append("(unterminated) " + _text(self._rest))
         self._watcher.join()
-        os.close(self._pidfd)
-        os.close(self._pipe)
+        stdout = _text(os.pread(self._stdout, 1 << 20, 0))
+        for descriptor in (self._pidfd, self._pipe, self._stdout):
+            os.close(descriptor)
         self._process, self._pipe = None, None
+        self._collect("stdout", stdout)
         for line in self.lines:
             self._collect("stderr", str(line))
         for stray in self.strays:
             self._collect("stderr", stray)
+        assert not self.strays, "no log lines: %s" % self._words()
+        assert not stdout, "said on stdout: " + stdout
         if not bus_gone:
             self._client.wait(lambda: self._client.owner(NAME) in (
                 "", self._client.unique_name), "the bus to see the daemon go")
@@ -225,7 +247,6 @@ class Daemon:
         said = self._words()
         assert not died, "the daemon ended by itself with %d: %s" % (code, said)
         assert code == 0, "the daemon ended with %d: %s" % (code, said)
-        assert not self.strays, said
 
     # What it says.
 
@@ -243,7 +264,7 @@ class Daemon:
                 return
             *lines, self._rest = (self._rest + data).split(b"\n")
             for line in lines:
-                text = line.decode("utf-8", errors="backslashreplace")
+                text = _text(line)
                 found = _LINE.fullmatch(text)
                 if found:
                     self.lines.append(LogLine(*found.groups()))
@@ -302,15 +323,38 @@ class Daemon:
             return {name: value.strip() for name, value in
                     (line.split(":", 1) for line in file)}
 
+    def _sleeps_in_epoll(self):
+        """Whether it waits, for as long as it takes, for an event."""
+        with open("/proc/%d/syscall" % self.pid, encoding="ascii") as file:
+            words = file.read().split()
+        if len(words) < 5:  # "running", or between two system calls
+            return False
+        # The number, then the arguments: descriptor, events, count, timeout.
+        descriptor, timeout = int(words[1], 16), int(words[4], 16)
+        try:
+            kind = os.readlink("/proc/%d/fd/%d" % (self.pid, descriptor))
+        except OSError:  # no descriptor, so another system call
+            return False
+        return (kind == "anon_inode:[eventpoll]"
+                and timeout & 0xffffffff == 0xffffffff)
+
     def wait_until_asleep(self, deadline_s=10):
-        """Waits until it sleeps with nothing left to do."""
+        """Waits until it sleeps until something happens."""
         end = time.monotonic() + deadline_s
-        while True:
-            if self.status()["State"].startswith("S"):
-                return
+        while not self._sleeps_in_epoll():
             if time.monotonic() > end:
                 raise TimeoutError("waited %s s for the daemon to sleep" %
                                    deadline_s)
+
+    def timers(self):
+        """What is left on each of its timers: (seconds, nanoseconds)."""
+        folder = "/proc/%d/fdinfo" % self.pid
+        found = []
+        for name in os.listdir(folder):
+            with open(os.path.join(folder, name), encoding="ascii") as file:
+                found += re.findall(r"^it_value: \((\d+), (\d+)\)$",
+                                    file.read(), re.MULTILINE)
+        return [(int(seconds), int(rest)) for seconds, rest in found]
 
     def threads(self):
         return sorted(os.listdir("/proc/%d/task" % self.pid))

@@ -164,10 +164,12 @@ def daemon(program, client, config, output):
         yield one
         one.tear_down()
     finally:
-        if one.running():
-            one.send_signal(9)
-            one.wait_for_exit()
-        syslog.close()
+        try:
+            if one.running():
+                one.send_signal(9)
+                one.wait_for_exit()
+        finally:
+            syslog.close()
 
 
 @pytest.fixture

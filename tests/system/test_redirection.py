@@ -2,6 +2,9 @@
 # SPDX-FileCopyrightText: The cloud_action_daemon authors
 """Which requests are let through, and what goes out and comes back."""
 
+import os
+import subprocess
+
 import pytest
 from bus_client import CallError
 from cloud import Reply
@@ -17,6 +20,18 @@ def refusal(caller, *arguments):
         caller.request(*arguments)
     assert caught.value.name == FAILED
     return caught.value.message
+
+
+def curl(environment, *arguments):
+    """Runs the command line tool, and returns its exit code.
+
+    It shows what the environment does to a program that does not guard
+    against it.
+    """
+    return subprocess.run(
+        ["curl", "--silent", "--output", "/dev/null", "--max-time", "20",
+         *arguments], env={**os.environ, **environment}, timeout=30,
+        check=False).returncode
 
 
 def invalid(text):
@@ -116,6 +131,45 @@ def test_control_bytes_in_an_endpoint_cannot_forge_a_log_line(
         "ERROR", "Path contains reference to parent directory: "
         "/v1/..\\x0a[ERROR] forged\\x1b[2J")
     assert daemon.count_log("ERROR", "forged") == 0
+
+
+def test_a_long_log_message_is_cut(daemon, provision, caller):
+    provision()
+    path = "/v1/../" + "x" * 9000
+    refusal(caller, "https://cloud.vantrel.example" + path)
+    message = "Path contains reference to parent directory: " + path
+    expected = "%s... (%d bytes)" % (message[:8192], len(message))
+    assert daemon.count_log("ERROR", expected) == 1
+    # The system log must tell the same.
+    assert daemon.stop() == 0
+
+
+def test_a_log_message_of_8_kib_is_not_cut(daemon, provision, caller):
+    provision()
+    message = "Path contains reference to parent directory: /v1/../"
+    message += "x" * (8192 - len(message))
+    refusal(caller, "https://cloud.vantrel.example" + message.split(": ")[1])
+    assert daemon.count_log("ERROR", message) == 1
+
+
+@pytest.mark.parametrize("letter", ["x", "\u00e9", "\u20ac", "\U0001f600"])
+@pytest.mark.parametrize("shift", range(4))
+def test_a_long_error_text_is_cut(provision, caller, letter, shift):
+    provision()
+    endpoint = "https://other.vantrel.example/" + "y" * shift + letter * 5000
+    text = invalid("Endpoint %s not whitelisted" % endpoint).encode()
+    # What is left of a character that was cut in two is no text any more.
+    kept = text[:4096].decode(errors="ignore")
+    kept += "?" * (4096 - len(kept.encode()))
+    assert refusal(caller, endpoint) == "%s... (%d bytes)" % (kept, len(text))
+
+
+def test_an_error_text_of_4_kib_is_not_cut(provision, caller):
+    provision()
+    form = invalid("Endpoint https://other.vantrel.example/%s not whitelisted")
+    fill = "x" * (4096 - len(form % ""))
+    assert refusal(caller, "https://other.vantrel.example/" + fill) == (
+        form % fill)
 
 
 # The list of allowed endpoints.
@@ -356,13 +410,19 @@ def test_proxies_and_netrc_of_the_environment_do_not_count(
     (tmp_path / ".netrc").write_text(
         "default login somebody password something\n", encoding="ascii")
     monkeypatch.setenv("HOME", str(tmp_path))
-    address = "http://127.0.0.9:3128"
-    daemon.start(environment={name: address for name in (
-        "http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY")})
+    environment = {name: "http://127.0.0.9:3128" for name in (
+        "http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY")}
+    proxy.replies.append(Reply(403, then="close"))
+    curl(environment, ENDPOINT)
+    assert proxy.wait_for(1).method == "CONNECT"
+    assert curl(environment, "--netrc", "--noproxy", "*", ENDPOINT) == 0
+    assert cloud.wait_for(1).field("Authorization").startswith("Basic ")
+
+    daemon.start(environment=environment)
     daemon.wait_for_log("INFO", "Successfully fetched access token: 200")
     assert caller.request(ENDPOINT)[0] == 200
-    assert cloud.wait_for(1).field("Authorization").startswith("Bearer ")
-    assert proxy.connections == 0
+    assert cloud.wait_for(2).field("Authorization").startswith("Bearer ")
+    assert proxy.connections == 1
 
 
 def test_a_connection_is_kept_for_the_next_request(provision, cloud, caller):
@@ -386,11 +446,17 @@ def test_the_keys_of_a_connection_are_never_written_down(
         daemon, stored, identity, cloud, caller, tmp_path):
     stored()
     log = tmp_path / "keys"
-    daemon.start(environment={"SSLKEYLOGFILE": str(log)})
+    environment = {"SSLKEYLOGFILE": str(log)}
+    assert curl(environment, ENDPOINT) == 0
+    assert log.stat().st_size > 0
+    log.unlink()
+
+    daemon.start(environment=environment)
     daemon.wait_for_log("INFO", "Successfully fetched access token: 200")
     assert caller.request(ENDPOINT)[0] == 200
     assert not log.exists()
-    assert len(identity.requests) == len(cloud.requests) == 1
+    assert len(identity.requests) == 1
+    assert len(cloud.requests) == 2
 
 
 # What comes back.
@@ -518,6 +584,18 @@ def test_the_daemon_lives_on_after_a_reply_that_is_too_large(
     provision()
     cloud.replies.extend([Reply(body=b" " * (LIMIT + 1)), Reply()])
     refusal(caller, ENDPOINT)
+    assert caller.request(ENDPOINT) == (200, "{}")
+
+
+def test_a_reply_that_grows_too_large_for_the_bus_is_a_remote_error(
+        provision, cloud, caller):
+    provision()
+    # Each of these is written as twelve characters in place of four bytes.
+    body = ('{"a":"%s"}' % ("\U0001fffe" * 3000000)).encode()
+    assert len(body) < LIMIT
+    cloud.replies.extend([Reply(body=body), Reply()])
+    assert refusal(caller, ENDPOINT) == (
+        "actions/remote_error: Invalid JSON response")
     assert caller.request(ENDPOINT) == (200, "{}")
 
 

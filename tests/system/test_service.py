@@ -126,6 +126,20 @@ def test_arguments_of_another_shape_are_refused(
     assert cloud.connections == 0
 
 
+@pytest.mark.parametrize("position", range(3))
+def test_an_argument_with_a_noncharacter_is_refused(
+        provision, cloud, caller, position):
+    provision()
+    arguments = [ENDPOINT, "GET", ""]
+    arguments[position] += "\uffff"
+    with pytest.raises(CallError) as caught:
+        caller.request(*arguments)
+    assert (caught.value.name, caught.value.message) == (
+        INVALID_ARGS, "Method parameter type mismatch")
+    assert cloud.connections == 0
+    assert caller.request(ENDPOINT)[0] == 200
+
+
 @pytest.mark.parametrize("path, interface, member, names", [
     (PATH, INTERFACE, "Nonsense", {"UnknownMethod"}),
     (PATH, NAME + ".Nonsense", "RedirectRequest",
