@@ -6,6 +6,7 @@
 #   unit  no bus, no network (the default)
 #   bus   a private message bus
 #   net   the loopback network
+# (The checks of class layouts, which run the compiler, are labelled layout.)
 # The support library is linked first, so that what it replaces (the clock) wins
 # over the libraries' own. For the same reason other test libraries come before
 # the library under test.
