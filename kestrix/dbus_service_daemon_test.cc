@@ -305,6 +305,10 @@ TEST_F(DBusServiceDaemonDeathTest, EndsOnASignalWhileTheBusDoesNotAnswer) {
     if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
       _exit(1);
     }
+    // Another test may have left signals blocked.
+    sigset_t no_signals;
+    sigemptyset(&no_signals);
+    sigprocmask(SIG_SETMASK, &no_signals, nullptr);
     // The daemon's connection is the occasion for the signal.
     signal(SIGIO, [](int) { raise(SIGTERM); });
     fcntl(fd, F_SETOWN, getpid());

@@ -30,11 +30,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-using testing::AllOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
 using testing::StartsWith;
 
 constexpr size_t kMaxBodySize = 16u << 20;
@@ -111,6 +107,12 @@ class CurlTransportTest : public testing::Test {
     return outcome.status == 0
                ? outcome.text
                : std::to_string(outcome.status) + " " + outcome.text;
+  }
+
+  // Lets go of the transport in a callback, whose end it outlives.
+  void Release(const std::weak_ptr<Transport>& weak) {
+    transport_.reset();
+    EXPECT_FALSE(weak.expired());
   }
 
   std::string HostLine() const {
@@ -278,7 +280,8 @@ TEST_F(CurlTransportTest, ReadsHttp10) {
 }
 
 TEST_F(CurlTransportTest, FollowsNoRedirect) {
-  const test::RawServer other(&loop_);
+  test::RawServer other(&loop_);
+  other.SetAnswer(kOk, /*close_after=*/false);
   for (const char* status : {"301", "302", "303", "307", "308"}) {
     EXPECT_EQ(std::string(status) + " moved",
               GetFrom(std::string("HTTP/1.1 ") + status +
@@ -493,7 +496,8 @@ class CurlTransportEnvironmentTest : public CurlTransportTest {
 };
 
 TEST_F(CurlTransportEnvironmentTest, KnowsNoProxies) {
-  const test::RawServer proxy(&loop_);
+  test::RawServer proxy(&loop_);
+  proxy.SetAnswer(kOk, /*close_after=*/false);
   for (const char* name : {"http_proxy", "HTTP_PROXY", "https_proxy",
                            "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
     Set(name, proxy.url());
@@ -603,7 +607,7 @@ TEST_F(CurlTransportTest, MayBeReleasedInACallback) {
   ASSERT_TRUE(test::RunUntil("the request",
                              [&] { return !server_.received().empty(); }));
   server_.SetAnswer(kOk, /*close_after=*/false);
-  const auto outcome = StartGet("/", [this] { transport_.reset(); });
+  const auto outcome = StartGet("/", [&] { Release(weak); });
   WaitFor(*outcome);
   EXPECT_EQ("ok", outcome->text);
   EXPECT_TRUE(weak.expired());
@@ -613,7 +617,7 @@ TEST_F(CurlTransportTest, MayBeReleasedInACallback) {
 TEST_F(CurlTransportTest, MayBeReleasedInTheCallbackOfAFailure) {
   const std::weak_ptr<Transport> weak = transport_;
   server_.SetAnswer("hello\n", /*close_after=*/true);
-  const auto outcome = StartGet("/", [this] { transport_.reset(); });
+  const auto outcome = StartGet("/", [&] { Release(weak); });
   WaitFor(*outcome);
   EXPECT_THAT(outcome->text, StartsWith("http/protocol: "));
   EXPECT_TRUE(weak.expired());
@@ -621,8 +625,8 @@ TEST_F(CurlTransportTest, MayBeReleasedInTheCallbackOfAFailure) {
 
 TEST_F(CurlTransportTest, MayBeReleasedInTheCallbackOfARefusal) {
   const std::weak_ptr<Transport> weak = transport_;
-  const auto outcome = Start({request_type::kGet, "ftp://h/", {}, ""},
-                             [this] { transport_.reset(); });
+  const auto outcome =
+      Start({request_type::kGet, "ftp://h/", {}, ""}, [&] { Release(weak); });
   WaitFor(*outcome);
   EXPECT_TRUE(weak.expired());
 }
