@@ -21,7 +21,7 @@ constexpr base::Location kPostJson{"PostJson", kFile, 0};
 constexpr base::Location kPostFormData{"PostFormData", kFile, 0};
 constexpr base::Location kParseJsonResponse{"ParseJsonResponse", kFile, 0};
 
-// False if the text is longer than the library encodes (8 MB).
+// False if the text is longer than the library encodes.
 bool AppendEncoded(const std::string& text, std::string* output) {
   char* encoded =
       curl_easy_escape(nullptr, text.data(), static_cast<int>(text.size()));
