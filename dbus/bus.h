@@ -53,7 +53,8 @@ class Bus {
   // `loop` is borrowed and must outlive the bus.
   explicit Bus(base::EventLoop* loop);
   // Sends what is still queued, as far as the bus takes it within half a
-  // second.
+  // second. A reply that comes in meanwhile still runs its callback, so what a
+  // callback uses must be bound weakly or outlive this.
   ~Bus();
   Bus(const Bus&) = delete;
   Bus& operator=(const Bus&) = delete;
@@ -62,6 +63,7 @@ class Bus {
   // well-known socket) and serves it on the loop. Blocks until the bus has
   // welcomed us. On failure `reason` says why; the object is then of no use.
   bool Connect(std::string* reason);
+  // Whether Connect() has succeeded, whatever has become of the connection.
   bool is_connected() const { return bus_ != nullptr; }
   // Whether the connection stands now.
   bool IsOpen() const;

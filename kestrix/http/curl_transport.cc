@@ -151,7 +151,8 @@ class CurlTransport::Transfer {
   void ReportDone(CURLcode result) {
     // The library takes a header that just stops for a whole one.
     if (result == CURLE_OK && !header_ended_) result = CURLE_PARTIAL_FILE;
-    // What it says of a header line beyond a limit of its own.
+    // What it says of a header line beyond a limit of its own. Memory that is
+    // really short ends the process elsewhere, so no other cause is in sight.
     if (result == CURLE_OUT_OF_MEMORY) too_large_ = true;
     if (result == CURLE_OK) {
       long status = 0;
