@@ -10,13 +10,16 @@
 #include <boost/json/detail/impl/default_resource.ipp>
 #include <boost/json/detail/impl/stack.ipp>
 #include <boost/json/impl/error.ipp>
+#include <cstdint>
 #include <cstdlib>
 #include <numeric>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "base/logging.h"
+#include "base/utf8.h"
 
 // The parser is told of errors through error codes, so these are reached only
 // if its own invariants break.
@@ -33,41 +36,85 @@ void throw_exception(const std::exception& exception, const source_location&) {
 namespace base {
 namespace {
 
-// Keeps of the members with one name the first place and the last value. A
-// hostile document may have a hundred thousand members with names of its
-// choosing: sorting is quick whatever they are, where a hash table is not.
-void MergeDuplicates(Value::Members* members) {
-  std::vector<size_t> order(members->size());
-  std::iota(order.begin(), order.end(), size_t{0});
-  std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) {
-    return (*members)[a].first < (*members)[b].first;
-  });
-  std::vector<bool> repeated(members->size());
-  size_t repetitions = 0;
-  for (size_t i = 1, first = 0; i < order.size(); ++i) {
-    auto& earlier = (*members)[order[first]];
-    auto& later = (*members)[order[i]];
-    if (later.first != earlier.first) {
-      first = i;
-      continue;
-    }
-    earlier.second = std::move(later.second);
-    repeated[order[i]] = true;
-    ++repetitions;
-  }
-  if (repetitions == 0) return;
-  size_t kept = 0;
-  for (size_t i = 0; i < members->size(); ++i) {
-    if (repeated[i]) continue;
-    if (kept != i) (*members)[kept] = std::move((*members)[i]);
-    ++kept;
-  }
-  members->resize(kept);
+void AppendUnicodeEscape(uint32_t unit, std::string* output) {
+  constexpr char kHex[] = "0123456789abcdef";
+  *output += {'\\',
+              'u',
+              kHex[unit >> 12 & 0xf],
+              kHex[unit >> 8 & 0xf],
+              kHex[unit >> 4 & 0xf],
+              kHex[unit & 0xf]};
 }
 
-// Builds values from the parser's events. The events come in the order of the
-// text; an open array or object waits on the stack for its end.
-class ValueBuilder {
+void AppendControlCharacter(char c, std::string* output) {
+  switch (c) {
+    case '\b':
+      output->append("\\b");
+      return;
+    case '\t':
+      output->append("\\t");
+      return;
+    case '\n':
+      output->append("\\n");
+      return;
+    case '\f':
+      output->append("\\f");
+      return;
+    case '\r':
+      output->append("\\r");
+      return;
+    default:
+      AppendUnicodeEscape(static_cast<unsigned char>(c), output);
+  }
+}
+
+void AppendCodePointEscape(uint32_t code_point, std::string* output) {
+  if (code_point < 0x10000) {
+    AppendUnicodeEscape(code_point, output);
+    return;
+  }
+  const uint32_t offset = code_point - 0x10000;
+  AppendUnicodeEscape(0xd800 + (offset >> 10), output);
+  AppendUnicodeEscape(0xdc00 + (offset & 0x3ff), output);
+}
+
+void AppendQuoted(std::string_view string, std::string* output) {
+  *output += '"';
+  // Whatever needs no escape is copied in one piece.
+  size_t copied = 0;
+  const auto copy_until = [&](size_t end) {
+    output->append(string.substr(copied, end - copied));
+  };
+  for (size_t i = 0; i < string.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(string[i]);
+    uint32_t code_point = 0;
+    if (byte == '"' || byte == '\\') {
+      copy_until(i);
+      *output += '\\';
+      *output += string[i];
+      copied = i + 1;
+    } else if (byte < 0x20) {
+      copy_until(i);
+      AppendControlCharacter(string[i], output);
+      copied = i + 1;
+    } else if (byte >= 0xef) {
+      // No noncharacter begins with a lower byte.
+      const size_t length = DecodeUtf8(string.substr(i), &code_point);
+      if (length == 0 || !IsNoncharacter(code_point)) continue;
+      copy_until(i);
+      AppendCodePointEscape(code_point, output);
+      i += length - 1;
+      copied = i + 1;
+    }
+  }
+  copy_until(string.size());
+  *output += '"';
+}
+
+// Writes the compact text from the parser's events as they come. Of a string it
+// knows the bytes, not how they were written, so members have the same name if
+// and only if their names have the same compact text.
+class CompactTextBuilder {
  public:
   using error_code = boost::json::error_code;
   using string_view = boost::json::string_view;
@@ -77,38 +124,77 @@ class ValueBuilder {
   static constexpr size_t max_key_size = size_t(-1);
   static constexpr size_t max_string_size = size_t(-1);
 
-  Value TakeResult() { return std::move(root_); }
+  void Reserve(size_t size) { output_.reserve(size); }
+
+  // Looks out for a member of the outermost object that is a string. `key` must
+  // outlive the parsing.
+  void WatchMember(std::string_view key) { watched_key_ = key; }
+  std::optional<std::string> TakeWatchedMember() {
+    return std::move(watched_member_);
+  }
+
+  std::string TakeText() {
+    RemoveGaps();
+    return std::move(output_);
+  }
 
   bool on_document_begin(error_code&) { return true; }
   bool on_document_end(error_code&) { return true; }
 
-  bool on_object_begin(error_code&) { return Open(/*is_object=*/true); }
-  bool on_object_end(size_t, error_code&) {
-    Frame frame = Close();
-    MergeDuplicates(&frame.members);
-    return Add(Value(std::move(frame.members)));
+  bool on_object_begin(error_code&) {
+    BeginItem();
+    output_ += '{';
+    open_objects_.push_back(members_.size());
+    ++depth_;
+    return true;
   }
-  bool on_array_begin(error_code&) { return Open(/*is_object=*/false); }
-  bool on_array_end(size_t, error_code&) { return Add(Value(Close().items)); }
+  bool on_object_end(size_t, error_code&) {
+    FindDuplicates(open_objects_.back());
+    members_.resize(open_objects_.back());
+    open_objects_.pop_back();
+    --depth_;
+    output_ += '}';
+    return true;
+  }
+  bool on_array_begin(error_code&) {
+    BeginItem();
+    output_ += '[';
+    ++depth_;
+    return true;
+  }
+  bool on_array_end(size_t, error_code&) {
+    --depth_;
+    output_ += ']';
+    return true;
+  }
 
   bool on_key_part(string_view part, size_t, error_code&) {
-    return Append(part);
+    return Collect(part);
   }
   bool on_key(string_view part, size_t, error_code&) {
-    Append(part);
-    stack_.back().key = TakeText();
+    const std::string_view name = Complete(part);
+    BeginItem();
+    const auto begin = static_cast<uint32_t>(output_.size());
+    AppendQuoted(name, &output_);
+    members_.push_back({begin, static_cast<uint32_t>(output_.size())});
+    output_ += ':';
+    in_watched_member_ = watched_key_ && depth_ == 1 && name == *watched_key_;
+    if (in_watched_member_) watched_member_.reset();
     return true;
   }
   bool on_string_part(string_view part, size_t, error_code&) {
-    return Append(part);
+    return Collect(part);
   }
   bool on_string(string_view part, size_t, error_code&) {
-    Append(part);
-    return Add(Value(TakeText()));
+    const std::string_view string = Complete(part);
+    BeginItem();
+    AppendQuoted(string, &output_);
+    if (in_watched_member_ && depth_ == 1) watched_member_ = string;
+    return true;
   }
 
   // The parser's own idea of a number's value is not used: it would round.
-  bool on_number_part(string_view part, error_code&) { return Append(part); }
+  bool on_number_part(string_view part, error_code&) { return Collect(part); }
   bool on_int64(int64_t, string_view part, error_code&) {
     return AddNumber(part);
   }
@@ -119,73 +205,159 @@ class ValueBuilder {
     return AddNumber(part);
   }
 
-  bool on_bool(bool boolean, error_code&) { return Add(Value(boolean)); }
-  bool on_null(error_code&) { return Add(Value()); }
+  bool on_bool(bool boolean, error_code&) {
+    return AddWord(boolean ? "true" : "false");
+  }
+  bool on_null(error_code&) { return AddWord("null"); }
 
   bool on_comment_part(string_view, error_code&) { return true; }
   bool on_comment(string_view, error_code&) { return true; }
 
  private:
-  struct Frame {
-    bool is_object;
-    std::string key;
-    Value::List items;
-    Value::Members members;
+  // Where a member of an object that is still open stands in the output.
+  struct Member {
+    uint32_t begin;
+    uint32_t name_end;
+  };
+  struct Gap {
+    uint32_t begin;
+    uint32_t end;
   };
 
-  bool Open(bool is_object) {
-    stack_.push_back({is_object, {}, {}, {}});
+  // The parser hands a string or number on in parts where it has to unescape
+  // it, or where it is very long. A part may end within a character.
+  bool Collect(string_view part) {
+    if (!collecting_) collected_.clear();
+    collecting_ = true;
+    collected_.append(part.data(), part.size());
     return true;
   }
 
-  Frame Close() {
-    Frame frame = std::move(stack_.back());
-    stack_.pop_back();
-    return frame;
+  // The whole, of which `part` is the end. Valid until the next part comes.
+  std::string_view Complete(string_view part) {
+    if (!collecting_) return {part.data(), part.size()};
+    Collect(part);
+    collecting_ = false;
+    return collected_;
   }
 
-  bool Append(string_view part) {
-    text_.append(part.data(), part.size());
+  // What stands before says whether a comma is due: a string ends in a quote,
+  // so none of these is the last character of an item.
+  void BeginItem() {
+    if (output_.empty()) return;
+    const char last = output_.back();
+    if (last != '{' && last != '[' && last != ':') output_ += ',';
+  }
+
+  bool AddWord(std::string_view word) {
+    BeginItem();
+    output_ += word;
     return true;
   }
+  bool AddNumber(string_view part) { return AddWord(Complete(part)); }
 
-  std::string TakeText() { return std::exchange(text_, {}); }
-
-  bool AddNumber(string_view part) {
-    Append(part);
-    return Add(Value(Value::Number{TakeText()}));
-  }
-
-  bool Add(Value value) {
-    if (stack_.empty()) {
-      root_ = std::move(value);
-      return true;
+  // Marks what must go: every member that is followed by one of the same name.
+  // A hostile text may hold a million members with names of its choosing:
+  // sorting is quick whatever they are, where a hash table is not.
+  void FindDuplicates(size_t first) {
+    if (members_.size() - first < 2) return;
+    const auto name = [this](uint32_t index) {
+      const Member& member = members_[index];
+      return std::string_view(output_).substr(member.begin,
+                                              member.name_end - member.begin);
+    };
+    order_.resize(members_.size() - first);
+    std::iota(order_.begin(), order_.end(), static_cast<uint32_t>(first));
+    std::sort(order_.begin(), order_.end(), [&](uint32_t a, uint32_t b) {
+      const int difference = name(a).compare(name(b));
+      return difference != 0 ? difference < 0 : a < b;
+    });
+    for (size_t i = 1; i < order_.size(); ++i) {
+      const uint32_t earlier = order_[i - 1];
+      if (name(earlier) != name(order_[i])) continue;
+      // A later one follows, so there is a next member and a comma before it.
+      const Gap gap{members_[earlier].begin, members_[earlier + 1].begin};
+      if (!gaps_.empty() && gaps_.back().end == gap.begin) {
+        gaps_.back().end = gap.end;
+      } else {
+        gaps_.push_back(gap);
+      }
     }
-    Frame& frame = stack_.back();
-    if (frame.is_object) {
-      frame.members.emplace_back(std::move(frame.key), std::move(value));
-    } else {
-      frame.items.push_back(std::move(value));
-    }
-    return true;
   }
 
-  std::vector<Frame> stack_;
-  std::string text_;
-  Value root_;
+  // Closes all gaps in one go, however deep they are nested.
+  void RemoveGaps() {
+    std::sort(gaps_.begin(), gaps_.end(),
+              [](const Gap& a, const Gap& b) { return a.begin < b.begin; });
+    size_t kept = 0;
+    size_t read = 0;
+    const auto keep_until = [&](size_t end) {
+      if (end <= read) return;
+      std::copy(output_.begin() + static_cast<ptrdiff_t>(read),
+                output_.begin() + static_cast<ptrdiff_t>(end),
+                output_.begin() + static_cast<ptrdiff_t>(kept));
+      kept += end - read;
+    };
+    for (const Gap& gap : gaps_) {
+      keep_until(gap.begin);
+      read = std::max(read, static_cast<size_t>(gap.end));
+    }
+    if (gaps_.empty()) return;
+    keep_until(output_.size());
+    output_.resize(kept);
+  }
+
+  std::string output_;
+  size_t depth_ = 0;
+  std::string collected_;
+  bool collecting_ = false;
+  // The members of the open objects, the innermost last; where those of each
+  // object begin.
+  std::vector<Member> members_;
+  std::vector<size_t> open_objects_;
+  std::vector<uint32_t> order_;
+  std::vector<Gap> gaps_;
+  std::optional<std::string_view> watched_key_;
+  std::optional<std::string> watched_member_;
+  bool in_watched_member_ = false;
 };
+
+// False if `text` is not one JSON value within the limits.
+bool Parse(boost::json::basic_parser<CompactTextBuilder>* parser,
+           std::string_view text) {
+  // Offsets have 32 bits, and escapes can make the compact text three times as
+  // long.
+  if (text.size() > UINT32_MAX / 4) return false;
+  boost::json::error_code error;
+  const size_t parsed =
+      parser->write_some(/*more=*/false, text.data(), text.size(), error);
+  return !error && parsed == text.size();
+}
+
+boost::json::parse_options GetOptions() {
+  boost::json::parse_options options;
+  options.max_depth = JSONReader::kMaxDepth;
+  return options;
+}
 
 }  // namespace
 
 std::unique_ptr<Value> JSONReader::Read(std::string_view text) {
-  boost::json::parse_options options;
-  options.max_depth = kMaxDepth;
-  boost::json::basic_parser<ValueBuilder> parser(options);
-  boost::json::error_code error;
-  const size_t parsed =
-      parser.write_some(/*more=*/false, text.data(), text.size(), error);
-  if (error || parsed != text.size()) return nullptr;
-  return std::make_unique<Value>(parser.handler().TakeResult());
+  boost::json::basic_parser<CompactTextBuilder> parser(GetOptions());
+  parser.handler().Reserve(text.size());
+  if (!Parse(&parser, text)) return nullptr;
+  return std::make_unique<Value>(parser.handler().TakeText());
+}
+
+bool JSONReader::ReadStringMember(std::string_view object, std::string_view key,
+                                  std::string* output) {
+  boost::json::basic_parser<CompactTextBuilder> parser(GetOptions());
+  parser.handler().WatchMember(key);
+  if (!Parse(&parser, object)) return false;
+  std::optional<std::string> member = parser.handler().TakeWatchedMember();
+  if (!member) return false;
+  *output = *std::move(member);
+  return true;
 }
 
 }  // namespace base

@@ -17,11 +17,8 @@ class JSONWriter {
   // The rest of the message fits into the last 64 KiB.
   static constexpr size_t kMaxSize = (32u << 20) - (64u << 10);
 
-  // Writes `value` in compact form: no insignificant white space, numbers as
-  // they were read, characters as they are unless they must be escaped. Control
-  // characters must be; Unicode noncharacters are, since the D-Bus library
-  // refuses strings that hold them. False, with `output` unspecified, if the
-  // text would be longer than kMaxSize.
+  // Writes `value` out as its compact text. False, with `output` untouched, if
+  // that is longer than kMaxSize.
   static bool Write(const Value& value, std::string* output);
 };
 

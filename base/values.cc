@@ -3,23 +3,18 @@
 
 #include "base/values.h"
 
+#include "base/json_reader.h"
 #include "base/logging.h"
 
 namespace base {
 
 DictionaryValue::DictionaryValue(Value value) : Value(std::move(value)) {
-  CHECK(GetIfMembers() != nullptr) << "Not a dictionary";
+  CHECK(is_dictionary()) << "Not a dictionary";
 }
 
 bool DictionaryValue::GetString(std::string_view key,
                                 std::string* output) const {
-  for (const auto& [name, value] : *GetIfMembers()) {
-    if (name != key) continue;
-    const std::string* string = value.GetIfString();
-    if (string) *output = *string;
-    return string != nullptr;
-  }
-  return false;
+  return JSONReader::ReadStringMember(text(), key, output);
 }
 
 }  // namespace base

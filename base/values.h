@@ -7,53 +7,38 @@
 #include <string>
 #include <string_view>
 #include <utility>
-#include <variant>
-#include <vector>
 
 namespace base {
 
-// One JSON value and all that it holds. Values move; they are never copied.
-// Strings are UTF-8 and may hold NUL. A number is kept as the text it was
-// written in, so neither its size nor its precision is limited. The members of
-// a dictionary keep their order.
+// One JSON value and all that it holds, kept as its compact text: a tree of
+// objects would take twenty times the memory of the text that a server sent,
+// and nobody here looks at more than a few members. Values move; they are never
+// copied.
 class Value {
  public:
-  struct Null {};
-  struct Number {
-    std::string text;
-  };
-  using List = std::vector<Value>;
-  using Members = std::vector<std::pair<std::string, Value>>;
-
-  Value() = default;
-  explicit Value(bool boolean) : data_(boolean) {}
-  explicit Value(Number number) : data_(std::move(number)) {}
-  explicit Value(std::string string) : data_(std::move(string)) {}
-  explicit Value(List list) : data_(std::move(list)) {}
-  // Requires: no two members have the same name.
-  explicit Value(Members members) : data_(std::move(members)) {}
+  // Requires: `text` is what JSONReader makes of a value.
+  explicit Value(std::string text) : text_(std::move(text)) {}
   Value(Value&&) = default;
   Value& operator=(Value&&) = default;
   Value(const Value&) = delete;
   Value& operator=(const Value&) = delete;
 
-  // Null if the value is of another type.
-  const bool* GetIfBoolean() const { return std::get_if<bool>(&data_); }
-  const Number* GetIfNumber() const { return std::get_if<Number>(&data_); }
-  const std::string* GetIfString() const {
-    return std::get_if<std::string>(&data_);
-  }
-  const List* GetIfList() const { return std::get_if<List>(&data_); }
-  const Members* GetIfMembers() const { return std::get_if<Members>(&data_); }
+  bool is_dictionary() const { return text_.starts_with('{'); }
+
+  // Without insignificant white space; numbers as they were written; strings
+  // with no escapes but those that must be: quote, backslash, control
+  // characters, and Unicode noncharacters, which JSON allows but our D-Bus
+  // library refuses.
+  const std::string& text() const { return text_; }
 
  private:
-  std::variant<Null, bool, Number, std::string, List, Members> data_;
+  std::string text_;
 };
 
 // A value that is known to be a JSON object.
 class DictionaryValue : public Value {
  public:
-  // Requires: `value` holds members.
+  // Requires: `value` is a dictionary.
   explicit DictionaryValue(Value value);
 
   // True, and `output` set, if the member `key` is a string. Otherwise `output`

@@ -105,7 +105,7 @@ std::unique_ptr<base::DictionaryValue> ParseJsonResponse(
     const Response* response, int* status_code, std::unique_ptr<Error>* error) {
   *status_code = response->GetStatusCode();
   std::unique_ptr<base::Value> value = base::JSONReader::Read(response->body());
-  if (!value || !value->GetIfMembers()) {
+  if (!value || !value->is_dictionary()) {
     Error::AddTo(error, kParseJsonResponse, kErrorDomain, "protocol",
                  "The response body is not a JSON object");
     return nullptr;

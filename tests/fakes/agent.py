@@ -21,7 +21,8 @@ AddCommand answers with the command's id; its object is at
 /org/vantrel/Dosset/commands/ID. GetState answers with the published state.
 
 With --json the program is driven by a test instead: one JSON object per line
-comes in and goes out (see AgentProcess in tests/support/agent_process.py).
+comes in and goes out (see AgentProcess in tests/support/agent_process.py). With
+--flat besides, every value that goes out is a string.
 """
 
 import argparse
@@ -433,6 +434,15 @@ def write_line(event):
     print(json.dumps(event), flush=True)
 
 
+def write_flat_line(event):
+    """Prints an event for a program that reads only strings."""
+    def flat(value):
+        if isinstance(value, list):
+            return ", ".join(value)
+        return "" if value is None else str(value)
+    write_line({key: flat(value) for key, value in event.items()})
+
+
 class ControlChannel:
     """Carries out the requests that come in on standard input."""
 
@@ -440,9 +450,10 @@ class ControlChannel:
                "announce", "remove", "change", "signal", "behave", "release",
                "sync")
 
-    def __init__(self, agent, loop):
+    def __init__(self, agent, loop, write):
         self._agent = agent
         self._loop = loop
+        self._write = write
         self._rest = b""
         GLib.io_add_watch(0, GLib.PRIORITY_DEFAULT,
                           GLib.IO_IN | GLib.IO_HUP, self._on_input)
@@ -466,7 +477,7 @@ class ControlChannel:
             done["result"] = method(**request["with"])
         except Exception as error:  # Whatever it is, the test has to see it.
             done["error"] = "%s: %s" % (type(error).__name__, error)
-        write_line(done)
+        self._write(done)
 
 
 def main():
@@ -475,23 +486,26 @@ def main():
         formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--json", action="store_true",
                         help="be driven by JSON lines on standard input")
+    parser.add_argument("--flat", action="store_true",
+                        help="with --json: put out nothing but strings")
     options = parser.parse_args()
     address = os.environ.get("DBUS_SYSTEM_BUS_ADDRESS")
     if not address:
         parser.error("DBUS_SYSTEM_BUS_ADDRESS is not set: this program "
                      "stays off the machine's own bus")
     loop = GLib.MainLoop()
+    write = write_flat_line if options.flat else write_line
 
     def say_and_end_with_the_bus(event):
         say(event)
         if event["event"] == "disconnected":
             loop.quit()
     try:
-        agent = Agent(address, Contract(INTERFACES), write_line
+        agent = Agent(address, Contract(INTERFACES), write
                       if options.json else say_and_end_with_the_bus)
         if options.json:
-            ControlChannel(agent, loop)
-            write_line({"event": "ready"})
+            ControlChannel(agent, loop, write)
+            write({"event": "ready"})
         else:
             agent.connect()
             agent.own()

@@ -5,30 +5,21 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <ostream>
 #include <string_view>
 
 #include "base/json_reader.h"
 #include "base/strings.h"
-#include "base/values.h"
 
 namespace test {
 namespace {
 
 constexpr std::string_view kPrefix = "org.vantrel.Dosset.";
 
-const base::Value* Find(const base::Value& value, std::string_view key) {
-  for (const auto& [name, member] : *value.GetIfMembers()) {
-    if (name == key) return &member;
-  }
-  return nullptr;
-}
-
-std::string GetString(const base::Value& value, std::string_view key) {
-  const base::Value* member = Find(value, key);
-  const std::string* string = member ? member->GetIfString() : nullptr;
-  return string ? *string : "";
+std::string GetString(const std::string& event, std::string_view key) {
+  std::string string;
+  base::JSONReader::ReadStringMember(event, key, &string);
+  return string;
 }
 
 }  // namespace
@@ -39,7 +30,8 @@ void PrintTo(const AgentCall& call, std::ostream* output) {
 }
 
 Agent::Agent(base::EventLoop* loop)
-    : process_({"/usr/bin/python3", TEST_FAKES_DIR "/agent.py", "--json"}) {
+    : process_({"/usr/bin/python3", TEST_FAKES_DIR "/agent.py", "--json",
+                "--flat"}) {
   EXPECT_EQ(R"({"event": "ready"})", process_.ReadLine("the agent to start"));
   process_.Watch(loop);
 }
@@ -83,32 +75,22 @@ const std::vector<AgentCall>& Agent::calls() {
 }
 
 bool Agent::OnLine(const std::string& line, int id) {
-  const std::unique_ptr<base::Value> event = base::JSONReader::Read(line);
-  if (!event || !event->GetIfMembers()) {
+  const std::string kind = GetString(line, "event");
+  if (kind.empty()) {
     ADD_FAILURE() << "The agent said: " << line;
     return true;
   }
-  const std::string kind = GetString(*event, "event");
-  const std::string interface = GetString(*event, "interface");
+  const std::string interface = GetString(line, "interface");
   if (kind == "call" && interface.starts_with(kPrefix)) {
-    std::vector<std::string> arguments;
-    for (const base::Value& argument :
-         *Find(*event, "arguments")->GetIfList()) {
-      arguments.push_back(*argument.GetIfString());
-    }
-    calls_.push_back(
-        {GetString(*event, "path"), interface.substr(kPrefix.size()),
-         GetString(*event, "member"), GetString(*event, "signature"),
-         base::JoinString(arguments, ", ")});
+    calls_.push_back({GetString(line, "path"), interface.substr(kPrefix.size()),
+                      GetString(line, "member"), GetString(line, "signature"),
+                      GetString(line, "arguments")});
   }
-  if (kind != "done" ||
-      Find(*event, "id")->GetIfNumber()->text != std::to_string(id)) {
+  if (kind != "done" || GetString(line, "id") != std::to_string(id)) {
     return false;
   }
-  EXPECT_EQ("", GetString(*event, "error"));
-  const base::Value* result = Find(*event, "result");
-  const base::Value::Number* number = result ? result->GetIfNumber() : nullptr;
-  result_ = number ? number->text : "";
+  EXPECT_EQ("", GetString(line, "error"));
+  result_ = GetString(line, "result");
   return true;
 }
 
