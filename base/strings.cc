@@ -3,6 +3,8 @@
 
 #include "base/strings.h"
 
+#include <string.h>
+
 #include <algorithm>
 #include <charconv>
 
@@ -100,6 +102,11 @@ void CutLongText(std::string* text, size_t max_size) {
   const std::string size = std::to_string(text->size());
   text->resize(max_size);
   text->append("... (").append(size).append(" bytes)");
+}
+
+void EraseString(std::string* text) {
+  explicit_bzero(text->data(), text->size());
+  text->clear();
 }
 
 bool StringToInt(std::string_view text, int* output) {

@@ -47,6 +47,9 @@ void ReplaceSubstringsAfterOffset(std::string* text, size_t start_offset,
 // what it had. A shorter text is left alone.
 void CutLongText(std::string* text, size_t max_size);
 
+// Empties a text and erases it from memory.
+void EraseString(std::string* text);
+
 // Reads a signed 32-bit decimal integer: an optional sign and digits, and
 // nothing else. On failure `output` is untouched.
 bool StringToInt(std::string_view text, int* output);

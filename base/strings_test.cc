@@ -135,6 +135,18 @@ TEST(ReplaceSubstringsAfterOffsetDeathTest, DiesWithNothingToLookFor) {
   EXPECT_DEATH(Replace("a", 0, "", "b"), "Nothing to look for");
 }
 
+TEST(EraseStringTest, LeavesNothingBehind) {
+  for (const size_t size : {0, 5, 500}) {
+    std::string text(size, 'x');
+    const char* const data = text.data();
+    EraseString(&text);
+    EXPECT_EQ("", text);
+    // The string keeps its memory, short or long.
+    ASSERT_EQ(data, text.data());
+    for (size_t i = 0; i < size; ++i) EXPECT_EQ(0, data[i]) << i;
+  }
+}
+
 TEST(StringToIntTest, ReadsSignedIntegers) {
   const struct {
     const char* text;

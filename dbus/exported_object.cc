@@ -21,7 +21,8 @@ sd_bus_vtable TableMethod(const ExportedMethod& method,
                           const std::string& names) {
   return SD_BUS_METHOD_WITH_NAMES(
       method.name.c_str(), method.in_signature.c_str(), names.c_str(),
-      method.out_signature.c_str(), , NeverReached, SD_BUS_VTABLE_UNPRIVILEGED);
+      method.out_signature.c_str(), , NeverReached,
+      SD_BUS_VTABLE_UNPRIVILEGED | SD_BUS_VTABLE_SENSITIVE);
 }
 
 }  // namespace

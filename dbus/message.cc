@@ -32,6 +32,12 @@ std::string ReplaceInvalidText(std::string_view text) {
 
 }  // namespace
 
+// What passes over the bus may hold an authorization code or the owner's data:
+// the library erases a sensitive message when it is freed.
+Message::Message(sd_bus_message* message) : message_(message) {
+  if (message_) sd_bus_message_sensitive(message_);
+}
+
 Message& Message::operator=(Message&& other) noexcept {
   std::swap(message_, other.message_);
   return *this;

@@ -27,7 +27,7 @@ class Message {
  public:
   Message() = default;
   // Takes one reference over from the caller.
-  explicit Message(sd_bus_message* message) : message_(message) {}
+  explicit Message(sd_bus_message* message);
   Message(Message&& other) noexcept
       : message_(std::exchange(other.message_, nullptr)) {}
   Message& operator=(Message&& other) noexcept;

@@ -4,6 +4,8 @@
 #include "kestrix/daemon.h"
 
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sysexits.h>
 #include <systemd/sd-daemon.h>
 
@@ -12,6 +14,19 @@
 #include "base/logging.h"
 
 namespace kestrix {
+namespace {
+
+// The memory holds the owner's credential. The limit alone would not do: a
+// kernel that pipes core dumps to a program does not ask for it. Neither can
+// other processes of the same user then look into the memory.
+void ForbidCoreDumps() {
+  const rlimit none{};
+  const bool limited = setrlimit(RLIMIT_CORE, &none) == 0;
+  const bool hidden = prctl(PR_SET_DUMPABLE, 0) == 0;
+  if (!limited || !hidden) LOG(ERROR) << "Cannot forbid core dumps";
+}
+
+}  // namespace
 
 Daemon::Daemon() = default;
 Daemon::~Daemon() = default;
@@ -48,6 +63,7 @@ int Daemon::Run() {
 }
 
 int Daemon::OnInit() {
+  ForbidCoreDumps();
   // A peer that closes its connection must not end the process.
   signal(SIGPIPE, SIG_IGN);
   for (const int signal_number : {SIGTERM, SIGINT}) {

@@ -35,7 +35,7 @@ class Daemon {
  protected:
   // Called by Run() first. Anything but EX_OK ends Run() with that code, before
   // the loop has run. SIGTERM and SIGINT then end the loop, SIGHUP calls
-  // OnRestart(), and SIGPIPE is ignored.
+  // OnRestart(), and SIGPIPE is ignored. The process leaves no core dump.
   virtual int OnInit();
 
   // Called by Run() after the loop has ended. May change the exit code.

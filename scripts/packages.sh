@@ -6,7 +6,7 @@
 
 # What it takes to build the daemon.
 BUILD_PACKAGES="g++ cmake ninja-build pkg-config libsystemd-dev
-  libcurl4-openssl-dev libboost1.81-dev"
+  libcurl4-openssl-dev libssl-dev libboost1.81-dev"
 # What it takes to run it beside its peers in a sandbox. curl plays the one who
 # revokes the access token in the demo.
 SANDBOX_PACKAGES="bubblewrap curl dbus-daemon openssl python3 python3-dbus

@@ -4,7 +4,10 @@
 #include "kestrix/http/curl_transport.h"
 
 #include <curl/curl.h>
+#include <malloc.h>
+#include <openssl/ssl.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -13,6 +16,7 @@
 #include <vector>
 
 #include "base/logging.h"
+#include "base/memory.h"
 #include "kestrix/http/http_constants.h"
 #include "kestrix/http/request_check.h"
 
@@ -59,6 +63,21 @@ const char* ErrorCode(CURLcode result) {
   }
 }
 
+void* EraseAndReallocate(void* memory, size_t size) {
+  void* larger = malloc(size);
+  if (!larger) return nullptr;
+  if (memory)
+    memcpy(larger, memory, std::min(malloc_usable_size(memory), size));
+  base::EraseAndFree(memory);
+  return larger;
+}
+
+CURLcode SetUpTls(CURL*, void* context, void*) {
+  // What has been received would else stay in memory until something else is.
+  SSL_CTX_set_options(static_cast<SSL_CTX*>(context), SSL_OP_CLEANSE_PLAINTEXT);
+  return CURLE_OK;
+}
+
 }  // namespace
 
 // The library's global state.
@@ -72,7 +91,10 @@ class CurlTransport::Library {
           "OPENSSL_ENGINES", "OPENSSL_MODULES"}) {
       unsetenv(name);
     }
-    const CURLcode result = curl_global_init(CURL_GLOBAL_DEFAULT);
+    // Its requests and replies hold tokens.
+    const CURLcode result =
+        curl_global_init_mem(CURL_GLOBAL_DEFAULT, malloc, base::EraseAndFree,
+                             EraseAndReallocate, strdup, calloc);
     CHECK(result == CURLE_OK)
         << "Cannot set up HTTP: " << curl_easy_strerror(result);
   }
@@ -214,6 +236,7 @@ class CurlTransport::Transfer {
            Set(CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED)) &&
            Set(CURLOPT_SSLVERSION,
                static_cast<long>(CURL_SSLVERSION_TLSv1_2)) &&
+           Set(CURLOPT_SSL_CTX_FUNCTION, SetUpTls) &&
            Set(CURLOPT_SSL_VERIFYPEER, 1L) && Set(CURLOPT_SSL_VERIFYHOST, 2L) &&
            // What is sent.
            Set(CURLOPT_HTTP_VERSION, http_version) &&

@@ -22,6 +22,7 @@ ssize_t __real_write(int fd, const void* data, size_t length);
 ssize_t __real_read(int fd, void* data, size_t length);
 int __real_fsync(int fd);
 int __real_rename(const char* from, const char* to);
+void __real_free(void* memory);
 
 ssize_t __wrap_write(int fd, const void* data, size_t length) {
   return g_calls.write ? g_calls.write(fd, data, length)
@@ -39,6 +40,11 @@ int __wrap_fsync(int fd) {
 
 int __wrap_rename(const char* from, const char* to) {
   return g_calls.rename ? g_calls.rename(from, to) : __real_rename(from, to);
+}
+
+void __wrap_free(void* memory) {
+  if (g_calls.before_free) g_calls.before_free(memory);
+  __real_free(memory);
 }
 
 }  // extern "C"

@@ -17,6 +17,8 @@ struct SystemCalls {
   std::function<ssize_t(int fd, void* data, size_t length)> read = {};
   std::function<int(int fd)> fsync = {};
   std::function<int(const char* from, const char* to)> rename = {};
+  // Sees memory just before the real call gives it back.
+  std::function<void(const void* memory)> before_free = {};
 };
 
 // Puts the calls in place while it lives; at most one at a time. Works in

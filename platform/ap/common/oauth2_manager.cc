@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/logging.h"
+#include "base/strings.h"
 #include "kestrix/http/http_constants.h"
 #include "kestrix/http/http_utils.h"
 
@@ -63,7 +64,7 @@ bool OAuth2Manager::ValidateResponse(const kestrix::http::Response& response) {
     return true;
   }
   LOG(INFO) << "Access token invalidated";
-  access_token_.clear();
+  base::EraseString(&access_token_);
   RefreshAccessToken();
   return false;
 }
@@ -71,8 +72,8 @@ bool OAuth2Manager::ValidateResponse(const kestrix::http::Response& response) {
 void OAuth2Manager::SendRefreshTokenRequest(
     const std::string& authorization_code) {
   LOG(INFO) << "Fetching refresh token";
-  refresh_token_.clear();
-  access_token_.clear();
+  base::EraseString(&refresh_token_);
+  base::EraseString(&access_token_);
   const auto self = weak_ptr_factory_.GetWeakPtr();
   kestrix::http::PostFormData(
       kTokenEndpointUrl,
@@ -148,8 +149,8 @@ void OAuth2Manager::OnAccessTokenFetched(
   }
   // Intended: any reply without an access token discards the credential, a
   // server error as well as a rejected grant.
-  access_token_.clear();
-  refresh_token_.clear();
+  base::EraseString(&access_token_);
+  base::EraseString(&refresh_token_);
   if (!base::DeleteFile(refresh_token_file_, /*recursive=*/false)) {
     LOG(ERROR) << "Unable to delete saved refresh token";
   }
@@ -158,7 +159,7 @@ void OAuth2Manager::OnAccessTokenFetched(
 void OAuth2Manager::OnAccessTokenError(int /*request_id*/,
                                        const kestrix::Error* error) {
   LOG(WARNING) << "Error fetching access token: " << error->GetMessage();
-  access_token_.clear();
+  base::EraseString(&access_token_);
 }
 
 std::unique_ptr<base::DictionaryValue> OAuth2Manager::ParseOAuth2Response(
