@@ -16,11 +16,16 @@
 #include <utility>
 
 #include "base/logging.h"
+#include "base/strings.h"
 
 namespace base {
 namespace {
 
 constexpr std::string_view kTemporaryInfix = ".tmp.";
+
+// No message of the bus brings a longer list or token. A file beyond that is
+// damaged, and would cost a small device all its memory.
+constexpr size_t kMaxFileSize = 32u << 20;
 
 class ScopedFd {
  public:
@@ -88,16 +93,24 @@ bool ReadFileToString(const FilePath& path, std::string* contents) {
     errno = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
     return false;
   }
-  char buffer[4096];
+  if (info.st_size > static_cast<off_t>(kMaxFileSize)) {
+    errno = EFBIG;
+    return false;
+  }
+  constexpr size_t kStep = 4096;
+  size_t size = 0;
   for (;;) {
-    const ssize_t count = read(fd.get(), buffer, sizeof(buffer));
-    if (count == 0) return true;
+    contents->resize(size + kStep);
+    const ssize_t count = read(fd.get(), contents->data() + size, kStep);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) {
-      contents->clear();
+    if (count > 0) size += static_cast<size_t>(count);
+    if (size > kMaxFileSize) errno = EFBIG;
+    if (count < 0 || size > kMaxFileSize) {
+      EraseString(contents);
       return false;
     }
-    contents->append(buffer, static_cast<size_t>(count));
+    contents->resize(size);
+    if (count == 0) return true;
   }
 }
 
@@ -109,10 +122,12 @@ int WriteFile(const FilePath& path, const char* data, size_t length) {
   const auto [directory, name] = SplitPath(path.value());
   std::string temporary = path.value();
   temporary.append(kTemporaryInfix).append("XXXXXX");
-  // mkostemp creates with mode 0600.
   const ScopedFd fd(mkostemp(temporary.data(), O_CLOEXEC));
   if (!fd.is_valid()) return -1;
-  const int written = WriteAndSync(fd.get(), data, length);
+  // It has been created with mode 0600, less what the umask takes away.
+  const int written = fchmod(fd.get(), S_IRUSR | S_IWUSR) == 0
+                          ? WriteAndSync(fd.get(), data, length)
+                          : -1;
   const bool complete = written >= 0 && static_cast<size_t>(written) == length;
   if (!complete || rename(temporary.c_str(), path.value().c_str()) != 0) {
     const int saved_errno = errno;

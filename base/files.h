@@ -26,7 +26,7 @@ class FilePath {
 bool PathExists(const FilePath& path);
 
 // Reads the whole file into `contents`. On failure `contents` is empty. Only a
-// regular file can be read.
+// regular file of 32 MiB or less can be read.
 bool ReadFileToString(const FilePath& path, std::string* contents);
 
 // Replaces the file at `path` with `length` bytes, readable by its owner only.
@@ -41,9 +41,8 @@ int WriteFile(const FilePath& path, const char* data, size_t length);
 void DeleteStaleTemporaries(const FilePath& path);
 
 // Deletes the file at `path`, for good once this returns. True also if there is
-// none. A directory is
-// deleted only if `recursive` is true, which nothing here needs: it must be
-// false.
+// none. A directory is deleted only if `recursive` is true, which nothing here
+// needs: it must be false.
 bool DeleteFile(const FilePath& path, bool recursive);
 
 }  // namespace base

@@ -111,6 +111,42 @@ TEST_F(FilesTest, ForgetsWhatItHasReadWhenAReadFails) {
   EXPECT_EQ("", read);
 }
 
+TEST_F(FilesTest, ReadsAFileOf32MiB) {
+  test::PutFile(path_, "x");
+  ASSERT_EQ(0, truncate(path_.c_str(), 32 << 20));
+  std::string read;
+  EXPECT_TRUE(ReadFileToString(FilePath(path_), &read));
+  EXPECT_EQ(32u << 20, read.size());
+}
+
+TEST_F(FilesTest, DoesNotReadALargerFile) {
+  test::PutFile(path_, "x");
+  ASSERT_EQ(0, truncate(path_.c_str(), (32 << 20) + 1));
+  int reads = 0;
+  const test::ScopedSystemCalls calls(
+      {.read = [&](int fd, void* data, size_t length) -> ssize_t {
+        ++reads;
+        return test::RealRead(fd, data, length);
+      }});
+  std::string read = "before";
+  EXPECT_FALSE(ReadFileToString(FilePath(path_), &read));
+  EXPECT_EQ(EFBIG, errno);
+  EXPECT_EQ("", read);
+  EXPECT_EQ(0, reads);
+}
+
+TEST_F(FilesTest, StopsReadingAFileThatGrowsWithoutEnd) {
+  test::PutFile(path_, "x");
+  const test::ScopedSystemCalls calls(
+      {.read = [&](int, void*, size_t length) -> ssize_t {
+        return static_cast<ssize_t>(length);
+      }});
+  std::string read;
+  EXPECT_FALSE(ReadFileToString(FilePath(path_), &read));
+  EXPECT_EQ(EFBIG, errno);
+  EXPECT_EQ("", read);
+}
+
 TEST_F(FilesTest, GoesOnReadingAfterAnInterruption) {
   test::PutFile(path_, "text");
   int reads = 0;
@@ -132,6 +168,13 @@ TEST_F(FilesTest, WritesANewFileForItsOwnerOnly) {
   EXPECT_EQ("text", test::GetFile(path_));
   EXPECT_EQ(0600, test::GetMode(path_));
   EXPECT_THAT(test::ListDirectory(folder_.path()), ElementsAre("file"));
+}
+
+TEST_F(FilesTest, WritesAFileThatItsOwnerCanReadWhateverTheMask) {
+  const mode_t old_mask = umask(0777);
+  EXPECT_EQ(4, Write("text"));
+  umask(old_mask);
+  EXPECT_EQ(0600, test::GetMode(path_));
 }
 
 TEST_F(FilesTest, ReplacesAFileAndItsMode) {

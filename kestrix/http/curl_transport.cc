@@ -31,6 +31,10 @@ constexpr base::Location kTransfer{"StartAsyncTransfer",
 constexpr size_t kMaxBodySize = 16u << 20;
 constexpr size_t kMaxHeaderSize = 64u << 10;
 
+// So many at a time are a burst, whose memory is given back afterwards. After
+// fewer the connections are kept for the next requests.
+constexpr size_t kManyTransfers = 32;
+
 const char* ErrorCode(CURLcode result) {
   switch (result) {
     case CURLE_COULDNT_RESOLVE_HOST:
@@ -57,6 +61,8 @@ const char* ErrorCode(CURLcode result) {
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
     case CURLE_BAD_CONTENT_ENCODING:
+    // Said of a folded header line that follows no other.
+    case CURLE_BAD_FUNCTION_ARGUMENT:
       return "protocol";
     default:
       return "internal";
@@ -84,11 +90,15 @@ CURLcode SetUpTls(CURL*, void* context, void*) {
 class CurlTransport::Library {
  public:
   Library() {
-    // The TLS library takes these as orders to load code and to write down the
-    // keys of every connection.
+    // The TLS library takes the first as orders to load code and to write down
+    // the keys of every connection, the resolver takes the others as orders to
+    // look up another name than the one that was checked.
     for (const char* name :
          {"SSLKEYLOGFILE", "OPENSSL_CONF", "OPENSSL_CONF_INCLUDE",
-          "OPENSSL_ENGINES", "OPENSSL_MODULES"}) {
+          "OPENSSL_ENGINES", "OPENSSL_MODULES",  //
+          "HOSTALIASES", "LOCALDOMAIN", "RES_OPTIONS", "RESOLV_HOST_CONF",
+          "RESOLV_ADD_TRIM_DOMAINS", "RESOLV_OVERRIDE_TRIM_DOMAINS",
+          "RESOLV_MULTI", "RESOLV_REORDER"}) {
       unsetenv(name);
     }
     // Its requests and replies hold tokens.
@@ -307,22 +317,32 @@ class CurlTransport::Transfer {
 CurlTransport::CurlTransport(base::EventLoop* loop)
     : loop_(loop),
       library_(std::make_unique<Library>()),
-      multi_(std::make_unique<MultiHandle>()),
+      max_connections_(ClaimDescriptors()),
       timer_(loop,
              base::Bind(&CurlTransport::OnTimeout, base::Unretained(this))) {
-  curl_multi_setopt(multi_->get, CURLMOPT_SOCKETFUNCTION, &OnSocketInterest);
-  curl_multi_setopt(multi_->get, CURLMOPT_SOCKETDATA, this);
-  curl_multi_setopt(multi_->get, CURLMOPT_TIMERFUNCTION, &OnTimerInterest);
-  curl_multi_setopt(multi_->get, CURLMOPT_TIMERDATA, this);
-  // Requests beyond that wait for a connection within their own time.
-  curl_multi_setopt(multi_->get, CURLMOPT_MAX_TOTAL_CONNECTIONS,
-                    ClaimDescriptors());
+  SetUpMultiHandle();
 }
 
 CurlTransport::~CurlTransport() {
   transfers_.clear();
   // Closing the kept connections still asks for sockets to be forgotten.
   multi_.reset();
+}
+
+void CurlTransport::SetUpMultiHandle() {
+  multi_.reset();
+  multi_ = std::make_unique<MultiHandle>();
+  curl_multi_setopt(multi_->get, CURLMOPT_SOCKETFUNCTION, &OnSocketInterest);
+  curl_multi_setopt(multi_->get, CURLMOPT_SOCKETDATA, this);
+  curl_multi_setopt(multi_->get, CURLMOPT_TIMERFUNCTION, &OnTimerInterest);
+  curl_multi_setopt(multi_->get, CURLMOPT_TIMERDATA, this);
+  // Requests beyond that wait for a connection within their own time.
+  curl_multi_setopt(multi_->get, CURLMOPT_MAX_TOTAL_CONNECTIONS,
+                    max_connections_);
+  // No two transfers share a connection. If a host speaks HTTP/2 on one and
+  // HTTP/1.1 on another, the library (seen in 7.88.1) would send requests over
+  // the latter too while it is in use, and swap their responses.
+  curl_multi_setopt(multi_->get, CURLMOPT_PIPELINING, CURLPIPE_NOTHING);
 }
 
 RequestId CurlTransport::StartAsyncTransfer(Request request,
@@ -334,6 +354,7 @@ RequestId CurlTransport::StartAsyncTransfer(Request request,
       std::move(error_callback));
   const bool started = transfer->Start(default_timeout_);
   transfers_[id] = std::move(transfer);
+  most_transfers_ = std::max(most_transfers_, transfers_.size());
   if (!started) {
     loop_->PostTask(base::Bind(&CurlTransport::ReportRefused,
                                weak_ptr_factory_.GetWeakPtr(), id));
@@ -406,6 +427,18 @@ void CurlTransport::Advance(int fd, int event_mask) {
                       result);
   }
   for (auto& [transfer, result] : done) transfer->ReportDone(result);
+  done.clear();
+  if (transfers_.empty()) EndBurst();
+}
+
+void CurlTransport::EndBurst() {
+  if (std::exchange(most_transfers_, 0) < kManyTransfers) return;
+  // The library would keep most of the connections, and the allocator what they
+  // and the requests took.
+  SetUpMultiHandle();
+#ifdef __GLIBC__
+  malloc_trim(0);
+#endif
 }
 
 }  // namespace kestrix::http

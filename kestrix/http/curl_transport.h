@@ -41,6 +41,11 @@ class CurlTransport final : public Transport,
                               void* socket_data);
   static int OnTimerInterest(void* multi, long timeout_ms, void* self);
 
+  // Closes all connections, and starts afresh. Requires: no transfers.
+  void SetUpMultiHandle();
+  // The last transfer is done.
+  void EndBurst();
+
   void OnSocketReady(int fd, uint32_t events);
   void OnTimeout();
   // Lets the library work, then reports the transfers that are done.
@@ -50,10 +55,13 @@ class CurlTransport final : public Transport,
 
   base::EventLoop* loop_;  // Not owned; outlives this.
   std::unique_ptr<Library> library_;
+  const long max_connections_;
   std::unique_ptr<MultiHandle> multi_;
   base::Timer timer_;
   std::map<int, std::unique_ptr<base::EventSource>> sockets_;
   std::map<RequestId, std::unique_ptr<Transfer>> transfers_;
+  // Since there was none.
+  size_t most_transfers_ = 0;
   base::TimeDelta default_timeout_{};
   RequestId last_id_ = 0;
   // Last: destroyed first, so late events find nothing.

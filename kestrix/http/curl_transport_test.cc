@@ -509,10 +509,20 @@ TEST_F(CurlTransportEnvironmentTest, KnowsNoProxies) {
   EXPECT_EQ(0, proxy.connections());
 }
 
-TEST_F(CurlTransportEnvironmentTest, TakesNoOrdersForTheTlsLibrary) {
-  const std::vector<const char*> names = {"SSLKEYLOGFILE", "OPENSSL_CONF",
+TEST_F(CurlTransportEnvironmentTest, TakesNoOrdersForItsLibraries) {
+  const std::vector<const char*> names = {"SSLKEYLOGFILE",
+                                          "OPENSSL_CONF",
                                           "OPENSSL_CONF_INCLUDE",
-                                          "OPENSSL_ENGINES", "OPENSSL_MODULES"};
+                                          "OPENSSL_ENGINES",
+                                          "OPENSSL_MODULES",
+                                          "HOSTALIASES",
+                                          "LOCALDOMAIN",
+                                          "RES_OPTIONS",
+                                          "RESOLV_HOST_CONF",
+                                          "RESOLV_ADD_TRIM_DOMAINS",
+                                          "RESOLV_OVERRIDE_TRIM_DOMAINS",
+                                          "RESOLV_MULTI",
+                                          "RESOLV_REORDER"};
   for (const char* name : names) Set(name, "/nowhere");
   transport_ = Transport::CreateDefault();
   for (const char* name : names) EXPECT_EQ(nullptr, getenv(name)) << name;
@@ -571,6 +581,28 @@ TEST_F(CurlTransportTest, KeepsAConnectionForTheNextRequest) {
   Get();
   Get();
   EXPECT_EQ(1, server_.connections());
+}
+
+TEST_F(CurlTransportTest, KeepsConnectionsAfterAFewRequestsAtOnce) {
+  server_.SetAnswer(kOk, /*close_after=*/false);
+  std::vector<std::shared_ptr<Outcome>> outcomes;
+  for (int i = 0; i < 31; ++i) outcomes.push_back(StartGet());
+  for (const auto& outcome : outcomes) WaitFor(*outcome);
+  EXPECT_EQ(31, server_.connections());
+  Get();
+  EXPECT_EQ(31, server_.connections());
+}
+
+TEST_F(CurlTransportTest, ClosesItsConnectionsAfterManyRequestsAtOnce) {
+  server_.SetAnswer(kOk, /*close_after=*/false);
+  std::vector<std::shared_ptr<Outcome>> outcomes;
+  for (int i = 0; i < 32; ++i) outcomes.push_back(StartGet());
+  for (const auto& outcome : outcomes) WaitFor(*outcome);
+  EXPECT_EQ(32, server_.connections());
+  // The next request begins anew, and the one after it does not.
+  EXPECT_EQ("ok", Get().text);
+  EXPECT_EQ("ok", Get().text);
+  EXPECT_EQ(33, server_.connections());
 }
 
 TEST_F(CurlTransportTest, ReplacesAConnectionThatTheServerHasClosed) {
