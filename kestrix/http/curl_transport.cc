@@ -169,8 +169,7 @@ class CurlTransport::Transfer {
     easy_ = curl_easy_init();
     if (!easy_ || !AddHeaderLines() || !SetOptions(timeout) ||
         curl_multi_add_handle(multi_, easy_) != CURLM_OK) {
-      Error::AddTo(&refusal_, kTransfer, kErrorDomain, "internal",
-                   "The request could not be started");
+      Refuse("The request could not be started");
       return false;
     }
     return true;
@@ -178,6 +177,10 @@ class CurlTransport::Transfer {
 
   RequestId id() const { return id_; }
 
+  // Keeps the reason for ReportRefused().
+  void Refuse(const char* reason) {
+    Error::AddTo(&refusal_, kTransfer, kErrorDomain, "internal", reason);
+  }
   void ReportRefused() { error_callback_.Run(id_, refusal_.get()); }
 
   void ReportDone(CURLcode result) {
@@ -249,6 +252,7 @@ class CurlTransport::Transfer {
            Set(CURLOPT_SSL_CTX_FUNCTION, SetUpTls) &&
            Set(CURLOPT_SSL_VERIFYPEER, 1L) && Set(CURLOPT_SSL_VERIFYHOST, 2L) &&
            // What is sent.
+           Set(CURLOPT_FORBID_REUSE, request_.keeps_connection ? 0L : 1L) &&
            Set(CURLOPT_HTTP_VERSION, http_version) &&
            Set(CURLOPT_HTTPHEADER, header_lines_) && SetMethod() &&
            // What comes back.
@@ -356,8 +360,7 @@ RequestId CurlTransport::StartAsyncTransfer(Request request,
   transfers_[id] = std::move(transfer);
   most_transfers_ = std::max(most_transfers_, transfers_.size());
   if (!started) {
-    loop_->PostTask(base::Bind(&CurlTransport::ReportRefused,
-                               weak_ptr_factory_.GetWeakPtr(), id));
+    PostReportRefused(id);
   }
   return id;
 }
@@ -366,13 +369,19 @@ void CurlTransport::SetDefaultTimeout(base::TimeDelta timeout) {
   default_timeout_ = timeout;
 }
 
+void CurlTransport::PostReportRefused(RequestId id) {
+  loop_->PostTask(base::Bind(&CurlTransport::ReportRefused,
+                             weak_ptr_factory_.GetWeakPtr(), id));
+}
+
 void CurlTransport::ReportRefused(RequestId id) {
   const std::shared_ptr<CurlTransport> keep_alive = shared_from_this();
   const auto node = transfers_.extract(id);
-  node.mapped()->ReportRefused();
+  // It may have ended meanwhile.
+  if (!node.empty()) node.mapped()->ReportRefused();
 }
 
-int CurlTransport::OnSocketInterest(void*, int fd, int what, void* self,
+int CurlTransport::OnSocketInterest(void* easy, int fd, int what, void* self,
                                     void*) {
   auto* transport = static_cast<CurlTransport*>(self);
   transport->sockets_.erase(fd);
@@ -384,9 +393,18 @@ int CurlTransport::OnSocketInterest(void*, int fd, int what, void* self,
       fd, events,
       base::Bind(&CurlTransport::OnSocketReady,
                  transport->weak_ptr_factory_.GetWeakPtr(), fd));
-  // The library then fails what depends on the socket.
-  if (!source) return -1;
-  transport->sockets_[fd] = std::move(source);
+  if (source) {
+    transport->sockets_[fd] = std::move(source);
+    return 0;
+  }
+  // Not told to the library, which would give up every transfer for good and
+  // report none of them.
+  Transfer* transfer = nullptr;
+  curl_easy_getinfo(easy, CURLINFO_PRIVATE, &transfer);
+  if (transfer) {
+    transfer->Refuse("The connection could not be watched");
+    transport->PostReportRefused(transfer->id());
+  }
   return 0;
 }
 

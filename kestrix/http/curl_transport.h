@@ -50,8 +50,10 @@ class CurlTransport final : public Transport,
   void OnTimeout();
   // Lets the library work, then reports the transfers that are done.
   void Advance(int fd, int event_mask);
-  // Runs the error callback of a transfer that was never started.
+  // Runs the error callback of a transfer that was never started, or cannot go
+  // on.
   void ReportRefused(RequestId id);
+  void PostReportRefused(RequestId id);
 
   base::EventLoop* loop_;  // Not owned; outlives this.
   std::unique_ptr<Library> library_;

@@ -583,6 +583,19 @@ TEST_F(CurlTransportTest, KeepsAConnectionForTheNextRequest) {
   EXPECT_EQ(1, server_.connections());
 }
 
+TEST_F(CurlTransportTest, ClosesAConnectionThatIsNotToBeKept) {
+  server_.SetAnswer(kOk, /*close_after=*/false);
+  const Request request{request_type::kGet,
+                        server_.url(),
+                        {},
+                        "",
+                        /*keeps_connection=*/false};
+  Get();
+  EXPECT_EQ("ok", Finish(request).text);
+  EXPECT_EQ("ok", Finish(request).text);
+  EXPECT_EQ(2, server_.connections());
+}
+
 TEST_F(CurlTransportTest, KeepsConnectionsAfterAFewRequestsAtOnce) {
   server_.SetAnswer(kOk, /*close_after=*/false);
   std::vector<std::shared_ptr<Outcome>> outcomes;

@@ -44,8 +44,8 @@ RequestId FailLater(const base::Location& location,
 }
 
 RequestId Post(const std::string& url, std::string body,
-               const char* content_type, HeaderList headers,
-               const std::shared_ptr<Transport>& transport,
+               const char* content_type, bool keeps_connection,
+               HeaderList headers, const std::shared_ptr<Transport>& transport,
                const SuccessCallback& success_callback,
                const ErrorCallback& error_callback) {
   const bool has_content_type =
@@ -57,7 +57,8 @@ RequestId Post(const std::string& url, std::string body,
     headers.emplace_back(request_header::kContentType, content_type);
   }
   return transport->StartAsyncTransfer(
-      {request_type::kPost, url, std::move(headers), std::move(body)},
+      {request_type::kPost, url, std::move(headers), std::move(body),
+       keeps_connection},
       success_callback, error_callback);
 }
 
@@ -80,8 +81,9 @@ RequestId PostJson(const std::string& url, std::unique_ptr<base::Value> json,
   if (!base::JSONWriter::Write(*json, &body)) {
     return FailLater(kPostJson, error_callback);
   }
-  return Post(url, std::move(body), mime::application::kJson, headers,
-              transport, success_callback, error_callback);
+  return Post(url, std::move(body), mime::application::kJson,
+              /*keeps_connection=*/true, headers, transport, success_callback,
+              error_callback);
 }
 
 RequestId PostFormData(const std::string& url, const FormFieldList& form_fields,
@@ -98,7 +100,8 @@ RequestId PostFormData(const std::string& url, const FormFieldList& form_fields,
     if (!encoded) return FailLater(kPostFormData, error_callback);
   }
   return Post(url, std::move(body), mime::application::kWwwFormUrlEncoded,
-              headers, transport, success_callback, error_callback);
+              /*keeps_connection=*/false, headers, transport, success_callback,
+              error_callback);
 }
 
 std::unique_ptr<base::DictionaryValue> ParseJsonResponse(

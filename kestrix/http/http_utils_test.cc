@@ -116,6 +116,11 @@ TEST_F(PostJsonTest, SaysThatItIsJsonAfterTheGivenHeaders) {
                           Pair("Content-Type", "application/json")));
 }
 
+TEST_F(PostJsonTest, KeepsTheConnection) {
+  SendJson(std::make_unique<base::Value>("true"));
+  EXPECT_TRUE(GetRequest().keeps_connection);
+}
+
 TEST_F(PostJsonTest, LeavesTheContentTypeToTheCaller) {
   const HeaderList headers = {{"content-TYPE", "text/x"}, {"A", "1"}};
   SendJson(std::make_unique<base::Value>("true"), headers);
@@ -140,6 +145,11 @@ TEST_F(PostJsonTest, RefusesAValueThatIsTooLargeLater) {
   test::RunPending();
   EXPECT_THAT(outcomes_, ElementsAre("0: http/too_large: The request body is "
                                      "larger than this device sends"));
+}
+
+TEST_F(PostFormDataTest, DoesNotKeepTheConnection) {
+  SendForm({{"a", "b"}});
+  EXPECT_FALSE(GetRequest().keeps_connection);
 }
 
 TEST_F(PostFormDataTest, SendsTheFieldsInTheirOrder) {

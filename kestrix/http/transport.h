@@ -38,6 +38,9 @@ struct Request {
   // Sent in this order, after Host and before Content-Length.
   HeaderList headers;
   std::string body;
+  // Whether the connection may serve a later request. Its buffers hold what was
+  // sent and received last.
+  bool keeps_connection = true;
 };
 
 // A complete response, whatever its status.
