@@ -12,7 +12,7 @@ BUILD_PACKAGES="g++ cmake ninja-build pkg-config libsystemd-dev
 SANDBOX_PACKAGES="bubblewrap curl dbus-daemon openssl python3 python3-dbus
   python3-gi python3-h2 systemd"
 # What the checks need on top.
-TEST_PACKAGES="git libgtest-dev libgmock-dev clang clang-format
+TEST_PACKAGES="git mandoc libgtest-dev libgmock-dev clang clang-format
   python3-pytest"
 
 # install_packages NAME...: installs those that are missing, and says which.
