@@ -20,15 +20,21 @@ void EraseAndFree(void* memory) {
 
 }  // namespace base
 
-// The standard library's other forms (arrays, nothrow) call these.
+// The standard library's array forms call these.
 
 void* operator new(size_t size) {
   if (void* memory = malloc(size > 0 ? size : 1)) return memory;
   // Logging would need memory.
-  constexpr char kMessage[] = "Out of memory\n";
+  constexpr char kMessage[] = "[FATAL] Out of memory\n";
   [[maybe_unused]] const ssize_t written =
       write(STDERR_FILENO, kMessage, sizeof(kMessage) - 1);
   abort();
+}
+
+// A sanitizer brings a form of its own, whose memory our operator delete could
+// not take back.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return malloc(size > 0 ? size : 1);
 }
 
 void operator delete(void* memory) noexcept { base::EraseAndFree(memory); }

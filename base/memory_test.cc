@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include <memory>
+#include <new>
 #include <string>
 
 #include "tests/support/system_calls.h"
@@ -80,11 +81,18 @@ TEST_F(MemoryTest, ErasesWhateverTheOperator) {
   EXPECT_TRUE(WasFreedErased());
 }
 
+TEST_F(MemoryTest, ErasesWhatWasTakenWithoutThrowing) {
+  void* memory = ::operator new(kSize, std::nothrow);
+  Watch(memory);
+  ::operator delete(memory);
+  EXPECT_TRUE(WasFreedErased());
+}
+
 TEST(MemoryDeathTest, EndsTheProcessForLackOfMemory) {
   volatile size_t too_much = size_t(-1) / 4;
   // The second is said by a memory checker.
   EXPECT_DEATH(::operator delete(::operator new(too_much)),
-               "Out of memory|allocation-size-too-big");
+               "\\[FATAL\\] Out of memory|allocation-size-too-big");
 }
 
 }  // namespace

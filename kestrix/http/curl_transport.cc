@@ -35,6 +35,8 @@ constexpr size_t kMaxHeaderSize = 64u << 10;
 // fewer the connections are kept for the next requests.
 constexpr size_t kManyTransfers = 32;
 
+constexpr base::TimeDelta kRetryDelay = std::chrono::milliseconds(100);
+
 const char* ErrorCode(CURLcode result) {
   switch (result) {
     case CURLE_COULDNT_RESOLVE_HOST:
@@ -431,7 +433,12 @@ void CurlTransport::Advance(int fd, int event_mask) {
   // A callback may let go of the transport, which the transfers still need.
   const std::shared_ptr<CurlTransport> keep_alive = shared_from_this();
   int running = 0;
-  curl_multi_socket_action(multi_->get, fd, event_mask, &running);
+  if (curl_multi_socket_action(multi_->get, fd, event_mask, &running) !=
+          CURLM_OK &&
+      !transfers_.empty()) {
+    // Memory was short, and it broke off before it said when to come again.
+    timer_.Start(kRetryDelay);
+  }
 
   std::vector<std::pair<std::unique_ptr<Transfer>, CURLcode>> done;
   int remaining = 0;
