@@ -89,6 +89,7 @@ class Reply:
     headers: list = dataclasses.field(default_factory=lambda: [JSON])
     gate: threading.Event = None  # nothing is sent before it is set
     raw: bytes = None             # HTTP/1.1: sent instead of all the above
+    frames: object = None         # HTTP/2: the same, as frames(stream)
     cut: int = None               # send only so many bytes of the body
     then: str = "keep"            # or "close", or "reset"
 
@@ -106,17 +107,21 @@ class Server:
     """Listens at once; one thread per connection.
 
     `certificate` is a pair of PEM files, or None for plain HTTP. Replies are
-    taken from `replies`, first come first served, then from `answer`.
+    taken from `replies`, first come first served, then from `answer`. `tune`
+    may change the TLS context. `script` gets each connection's socket once
+    TLS is up, and then there is no HTTP but its own.
     """
 
     def __init__(self, address, port, certificate=None,
-                 protocols=("http/1.1",), answer=None, on_request=None):
+                 protocols=("http/1.1",), answer=None, on_request=None,
+                 tune=None, script=None):
         self.replies = collections.deque()
         self.requests = []
         self.connections = 0
         self.handshake = "normal"  # or "stall", "reset", "garbage"
         self._answer = answer or (lambda request: Reply())
         self._on_request = on_request
+        self._script = script
         self._changed = threading.Condition()
         self._stopping = False
         self._gates = set()
@@ -125,6 +130,8 @@ class Server:
         self._context = None
         if certificate:
             self._context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+            if tune:
+                tune(self._context)
             self._context.load_cert_chain(*certificate)
             self._context.set_alpn_protocols(list(protocols))
             self._context.sni_callback = self._on_server_name
@@ -207,6 +214,9 @@ class Server:
                 sock = self._context.wrap_socket(
                     raw.dup(), server_side=True, suppress_ragged_eofs=True)
                 name = self._names.get(sock)
+            if self._script:
+                self._script(sock)
+                return
             connection = (Http2 if self._context and
                           sock.selected_alpn_protocol() == "h2" else Http1)
             connection(self, sock, number, name).run()
@@ -394,6 +404,11 @@ class Http2:
             if reply.then == "reset":
                 self._h2.reset_stream(stream, h2.errors.ErrorCodes.CANCEL)
                 self._flush()
+                return
+            if reply.frames:
+                self._sock.sendall(reply.frames(stream))
+                if reply.then == "close":
+                    self._sock.shutdown(socket.SHUT_RDWR)
                 return
             self._h2.send_headers(
                 stream, [(":status", str(reply.status))] +

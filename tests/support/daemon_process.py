@@ -126,8 +126,11 @@ class Daemon:
         self.strays = []  # other lines on stderr, of all runs
         self._has_syslog = True
 
-    def start(self, arguments=(), environment=(), wait=True):
-        """Starts a run; with `wait`, returns when it owns its bus name."""
+    def start(self, arguments=(), environment=(), wait=True, wrapper=()):
+        """Starts a run; with `wait`, returns when it owns its bus name.
+
+        `wrapper` is the start of a command line that becomes the daemon.
+        """
         assert self._process is None, "a run is going on"
         reader, writer = os.pipe()
         # Read on demand by the test's own thread, so the pipe must be able to
@@ -138,7 +141,7 @@ class Daemon:
         self._signalled = self._ended = None
         self._stdout = os.memfd_create("stdout")
         self._process = subprocess.Popen(
-            [self._program, *arguments], stdin=subprocess.DEVNULL,
+            [*wrapper, self._program, *arguments], stdin=subprocess.DEVNULL,
             stdout=self._stdout, stderr=writer,
             env={**os.environ, **dict(environment)})
         os.close(writer)

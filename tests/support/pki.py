@@ -39,20 +39,27 @@ def make_ca(folder, common_name="Test authority"):
     return certificate
 
 
-def issue(ca_folder, out_folder, label, names, expired=False):
+EXPIRED = ["-startdate", "20200101000000Z", "-enddate", "20200201000000Z"]
+NOT_YET_VALID = ["-startdate", "20900101000000Z",
+                 "-enddate", "20900201000000Z"]
+EC_KEY = ["ec", "-pkeyopt", "ec_paramgen_curve:prime256v1"]
+
+
+def issue(ca_folder, out_folder, label, names, expired=False, dates=None,
+          usage="serverAuth", key_kind=None, digest="sha256",
+          extensions=()):
     """Issues a server certificate for the DNS `names`.
 
     Returns (certificate, key), two PEM files called after `label`. With
-    `expired`, the certificate ended long ago.
+    `expired`, the certificate ended long ago. The rest is for certificates
+    that are wrong in another way; `extensions` are lines of OpenSSL's.
     """
     os.makedirs(out_folder, mode=0o700, exist_ok=True)
     base = os.path.join(out_folder, label)
     key, request, certificate = base + ".key", base + ".csr", base + ".crt"
-    openssl("req", "-newkey", "ec", "-pkeyopt",
-            "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key,
-            "-out", request, "-subj", "/CN=" + names[0])
-    dates = (["-startdate", "20200101000000Z", "-enddate", "20200201000000Z"]
-             if expired else ["-days", "30"])
+    openssl("req", "-newkey", *(key_kind or EC_KEY), "-nodes",
+            "-keyout", key, "-out", request, "-subj", "/CN=" + names[0][:64])
+    dates = dates or (EXPIRED if expired else ["-days", "30"])
     # `openssl ca` is the one command that takes a start and an end date; it
     # wants a small data base of its own.
     config = base + ".cnf"
@@ -60,12 +67,13 @@ def issue(ca_folder, out_folder, label, names, expired=False):
         file.write("\n".join([
             "[ca]", "default_ca = this", "[this]",
             "database = %s.db" % base, "new_certs_dir = %s" % out_folder,
-            "rand_serial = yes", "default_md = sha256", "policy = any",
+            "rand_serial = yes", "default_md = " + digest, "policy = any",
             "unique_subject = no", "x509_extensions = server",
             "[any]", "commonName = supplied",
             "[server]", "basicConstraints = critical,CA:FALSE",
-            "extendedKeyUsage = serverAuth",
-            "subjectAltName = " + ",".join("DNS:" + n for n in names), ""]))
+            "extendedKeyUsage = " + usage,
+            "subjectAltName = " + ",".join("DNS:" + n for n in names),
+            *extensions, ""]))
     with open(base + ".db", "w", encoding="ascii"):
         pass
     openssl("ca", "-batch", "-notext", "-config", config, *dates,
