@@ -37,5 +37,12 @@ elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
   add_link_options(-Wl,--gc-sections -Wl,--as-needed -Wl,-z,relro -Wl,-z,now)
 endif()
 
+option(CLOUD_ACTION_COVERAGE "Count the lines and branches that run" OFF)
+if(CLOUD_ACTION_COVERAGE)
+  # Files have to be found from wherever a program runs.
+  add_compile_options(--coverage -fprofile-abs-path)
+  add_link_options(--coverage)
+endif()
+
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES CXX)
