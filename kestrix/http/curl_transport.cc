@@ -186,14 +186,16 @@ class CurlTransport::Transfer {
   void ReportRefused() { error_callback_.Run(id_, refusal_.get()); }
 
   void ReportDone(CURLcode result) {
-    // The library takes a header that just stops for a whole one.
+    long status = 0;
+    curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
+    // The library takes a header that just stops for a whole one, and one that
+    // follows an interim response whatever its first line is.
     if (result == CURLE_OK && !header_ended_) result = CURLE_PARTIAL_FILE;
+    if (result == CURLE_OK && status < 200) result = CURLE_WEIRD_SERVER_REPLY;
     // What it says of a header line beyond a limit of its own. Memory that is
     // really short ends the process elsewhere, so no other cause is in sight.
     if (result == CURLE_OUT_OF_MEMORY) too_large_ = true;
     if (result == CURLE_OK) {
-      long status = 0;
-      curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &status);
       success_callback_.Run(id_,
                             std::make_unique<Response>(static_cast<int>(status),
                                                        std::move(body_)));

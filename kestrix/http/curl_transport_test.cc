@@ -350,6 +350,8 @@ TEST_F(CurlTransportTest, FailsOnWhatIsNoHttp) {
        {"hello\n", "<html></html>", "SSH-2.0-some\r\n", "\r\n\r\n",
         "HTTP/1.1 xyz\r\n\r\n", "HTTP/9.9 200 OK\r\n\r\n",
         "HTTP/1.1 200 OK\r\nno colon\r\n\r\n",
+        "HTTP/1.1 100 Continue\r\n\r\nHTTP/200 OK\r\n\r\n{}",
+        "HTTP/1.1 101 Switching Protocols\r\n\r\n{}",
         "HTTP/1.1 200 OK\r\nContent-Length: x\r\n\r\n",
         "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"}) {
     EXPECT_THAT(GetFrom(answer), StartsWith("http/protocol: ")) << answer;
