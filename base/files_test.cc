@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -201,6 +202,14 @@ TEST_F(FilesTest, CannotWriteIntoAMissingDirectory) {
   EXPECT_EQ(-1, WriteFile(FilePath(folder_.Path("none/file")), "new", 3));
   EXPECT_EQ(ENOENT, errno);
   EXPECT_THAT(test::ListDirectory(folder_.path()), IsEmpty());
+}
+
+// The count of what was written could not be returned.
+TEST_F(FilesTest, WritesNothingThatIsLargerThanAnInt) {
+  test::PutFile(path_, "old");
+  EXPECT_EQ(-1, WriteFile(FilePath(path_), "new", size_t{INT_MAX} + 1));
+  EXPECT_EQ(EFBIG, errno);
+  ExpectUntouched();
 }
 
 TEST_F(FilesTest, CannotWriteOverADirectory) {

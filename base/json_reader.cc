@@ -12,7 +12,7 @@
 #include <boost/json/impl/error.ipp>
 #include <cstdint>
 #include <cstdlib>
-#include <numeric>
+#include <functional>
 #include <optional>
 #include <string>
 #include <utility>
@@ -149,7 +149,8 @@ class CompactTextBuilder {
     return true;
   }
   bool on_object_end(size_t, error_code&) {
-    FindDuplicates(open_objects_.back());
+    // Of a watched member the last one is taken in any case.
+    if (!watched_key_) FindDuplicates(open_objects_.back());
     members_.resize(open_objects_.back());
     open_objects_.pop_back();
     --depth_;
@@ -223,6 +224,10 @@ class CompactTextBuilder {
     uint32_t begin;
     uint32_t end;
   };
+  struct Rank {
+    size_t hash;
+    uint32_t index;
+  };
 
   // The parser hands a string or number on in parts where it has to unescape
   // it, or where it is very long. A part may end within a character.
@@ -258,7 +263,8 @@ class CompactTextBuilder {
 
   // Marks what must go: every member that is followed by one of the same name.
   // A hostile text may hold a million members with names of its choosing:
-  // sorting is quick whatever they are, where a hash table is not.
+  // sorting is quick whatever they are, where a hash table is not. The hash
+  // only spares most comparisons of names.
   void FindDuplicates(size_t first) {
     if (members_.size() - first < 2) return;
     const auto name = [this](uint32_t index) {
@@ -266,15 +272,22 @@ class CompactTextBuilder {
       return std::string_view(output_).substr(member.begin,
                                               member.name_end - member.begin);
     };
-    order_.resize(members_.size() - first);
-    std::iota(order_.begin(), order_.end(), static_cast<uint32_t>(first));
-    std::sort(order_.begin(), order_.end(), [&](uint32_t a, uint32_t b) {
-      const int difference = name(a).compare(name(b));
-      return difference != 0 ? difference < 0 : a < b;
+    order_.clear();
+    for (size_t i = first; i < members_.size(); ++i) {
+      const auto index = static_cast<uint32_t>(i);
+      order_.push_back({std::hash<std::string_view>()(name(index)), index});
+    }
+    std::sort(order_.begin(), order_.end(), [&](const Rank& a, const Rank& b) {
+      if (a.hash != b.hash) return a.hash < b.hash;
+      const int difference = name(a.index).compare(name(b.index));
+      return difference != 0 ? difference < 0 : a.index < b.index;
     });
     for (size_t i = 1; i < order_.size(); ++i) {
-      const uint32_t earlier = order_[i - 1];
-      if (name(earlier) != name(order_[i])) continue;
+      const uint32_t earlier = order_[i - 1].index;
+      if (order_[i - 1].hash != order_[i].hash ||
+          name(earlier) != name(order_[i].index)) {
+        continue;
+      }
       // A later one follows, so there is a next member and a comma before it.
       const Gap gap{members_[earlier].begin, members_[earlier + 1].begin};
       if (!gaps_.empty() && gaps_.back().end == gap.begin) {
@@ -293,9 +306,10 @@ class CompactTextBuilder {
     size_t read = 0;
     const auto keep_until = [&](size_t end) {
       if (end <= read) return;
-      std::copy(output_.begin() + static_cast<ptrdiff_t>(read),
-                output_.begin() + static_cast<ptrdiff_t>(end),
-                output_.begin() + static_cast<ptrdiff_t>(kept));
+      if (kept != read)
+        std::copy(output_.begin() + static_cast<ptrdiff_t>(read),
+                  output_.begin() + static_cast<ptrdiff_t>(end),
+                  output_.begin() + static_cast<ptrdiff_t>(kept));
       kept += end - read;
     };
     for (const Gap& gap : gaps_) {
@@ -315,7 +329,7 @@ class CompactTextBuilder {
   // object begin.
   std::vector<Member> members_;
   std::vector<size_t> open_objects_;
-  std::vector<uint32_t> order_;
+  std::vector<Rank> order_;
   std::vector<Gap> gaps_;
   std::optional<std::string_view> watched_key_;
   std::optional<std::string> watched_member_;

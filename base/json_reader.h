@@ -24,8 +24,8 @@ class JSONReader {
   // exponent is beyond 32 bits.
   //
   // Takes time in proportion to the text (times the logarithm of the number of
-  // members), and memory for the compact text and 12 bytes a member, whatever
-  // the text holds.
+  // members), and memory for the compact text and some 50 bytes a member of the
+  // objects that are open at a time, whatever the text holds.
   static std::unique_ptr<Value> Read(std::string_view text);
 
   // True, and `output` set, if `object` is a JSON object whose member `key` is

@@ -6,6 +6,7 @@
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <string_view>
@@ -71,6 +72,38 @@ TEST(LoggingTest, LeavesOtherTextAlone) {
   const std::string text = "\\x0a \xc3\xa4 \xc2\xa0 \xe2\x82\xac ~";
   LOG(INFO) << text;
   EXPECT_THAT(log.lines(), ElementsAre(InfoLine(text)));
+}
+
+TEST(LoggingTest, CutsOffAMessageThatGetsLongByItsEscapes) {
+  test::LogCapture log;
+  LOG(INFO) << std::string(8'191, 'x') << "\n" << std::string(5, 'y');
+  LOG(INFO) << std::string(3'000, '\x01');
+  LOG(INFO) << std::string(2'048, '\x01');
+  std::string escapes;
+  for (int i = 0; i < 2'048; ++i) escapes += "\\x01";
+  EXPECT_THAT(
+      log.lines(),
+      ElementsAre(InfoLine(std::string(8'191, 'x') + "... (8197 bytes)"),
+                  InfoLine(escapes + "... (3000 bytes)"), InfoLine(escapes)));
+}
+
+// Whoever sends us what is logged must not be able to stop us.
+TEST(LoggingDeathTest, DoesNotWaitForAReaderOfStderr) {
+  const auto log_without_end = [] {
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[1], 2) != 2) _exit(2);
+    alarm(20);
+    const std::string text(8'000, 'x');
+    for (int i = 0; i < 100; ++i) WriteLogLineToStderr("[INFO] ", text);
+    // What has come is lines from their start, and the first is whole.
+    std::string read_back(9'000, '\0');
+    const ssize_t size = read(ends[0], read_back.data(), read_back.size());
+    _exit(size > 8'100 &&
+                  read_back.starts_with("[INFO] " + text + "\n[INFO] xx")
+              ? 0
+              : 1);
+  };
+  EXPECT_EXIT(log_without_end(), testing::ExitedWithCode(0), "");
 }
 
 TEST(LoggingTest, CutsOffAVeryLongMessage) {

@@ -48,7 +48,7 @@ uint64_t ToTimeoutUs(int timeout_ms) {
 bool IsLocalError(const sd_bus_error& error, int result) {
   sd_bus_error local{};
   sd_bus_error_set_errno(&local, result);
-  const bool is_local = strcmp(local.name, error.name) == 0 &&
+  const bool is_local = error.message && strcmp(local.name, error.name) == 0 &&
                         strcmp(local.message, error.message) == 0;
   sd_bus_error_free(&local);
   return is_local;
@@ -118,6 +118,14 @@ bool Bus::Connect(std::string* reason) {
 
 void Bus::OnDisconnected(Message signal) {
   if (signal.GetSender() != "org.freedesktop.DBus.Local") return;
+  OnGivenUp();
+}
+
+void Bus::GiveUp() {
+  loop_->PostTask(base::Bind(&Bus::OnGivenUp, weak_ptr_factory_.GetWeakPtr()));
+}
+
+void Bus::OnGivenUp() {
   if (disconnected_callback_) disconnected_callback_.Run();
 }
 
@@ -164,6 +172,7 @@ Slot Bus::AddMatch(const std::string& rule, MessageCallback callback) {
       bus_, &slot, rule.c_str(), RunStoredCallback, nullptr, stored.get());
   if (result < 0) {
     LOG(ERROR) << "Cannot add the match " << rule << ": " << strerror(-result);
+    GiveUp();
     return Slot();
   }
   OwnStoredCallback(slot, std::move(stored));

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "base/callback.h"
+#include "base/weak_ptr.h"
 #include "dbus/message.h"
 
 struct sd_bus;
@@ -71,6 +72,11 @@ class Bus {
   // Runs `callback` from the loop when the bus closes the connection.
   void SetDisconnectedCallback(base::Callback<void()> callback);
 
+  // Treats the connection as closed by the bus, from the loop, since something
+  // that cannot be done without has failed: an init system can start the
+  // process afresh, and nobody would notice that it hears nothing.
+  void GiveUp();
+
   // Asks for a well-known name, neither queueing for it nor taking it from
   // another owner. `callback` runs once, from the loop, with an empty reason if
   // we own the name. It does not run after the bus is destroyed.
@@ -80,8 +86,8 @@ class Bus {
 
   // Runs `callback` for each signal that matches `rule` (D-Bus,
   // "Match Rules") until the slot is destroyed. Signals can be addressed to us
-  // by anyone: the callback must check the sender. A rule that cannot be added,
-  // since the connection is gone, is logged.
+  // by anyone: the callback must check the sender. A rule that cannot be added
+  // is logged, and GiveUp() called.
   Slot AddMatch(const std::string& rule, MessageCallback callback);
 
   // Sends `call` and waits for the reply without serving the loop. Returns the
@@ -109,6 +115,7 @@ class Bus {
 
  private:
   void OnDisconnected(Message signal);
+  void OnGivenUp();
 
   base::EventLoop* loop_;  // Not owned; outlives this.
   sd_bus* bus_ = nullptr;
@@ -116,6 +123,7 @@ class Bus {
   Slot disconnected_slot_;
   std::map<std::pair<std::string, std::string>, std::unique_ptr<ObjectManager>>
       object_managers_;
+  base::WeakPtrFactory<Bus> weak_ptr_factory_{this};
 };
 
 }  // namespace dbus

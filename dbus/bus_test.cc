@@ -212,6 +212,17 @@ TEST_F(BusCallTest, ReportsAnErrorWithoutText) {
   EXPECT_EQ("com.example.Error: ", CallAndBlock());
 }
 
+// The second is a name that the library also uses for errors of its own.
+TEST_F(BusCallTest, ReportsAnErrorWithoutAnyArgument) {
+  for (const char* name :
+       {"com.example.Error", "org.freedesktop.DBus.Error.AccessDenied"}) {
+    agent_.Do("behave", R"({"member": "GetState", "how": "error",
+        "name": ")" + std::string(name) +
+                            R"(", "message": null})");
+    EXPECT_EQ(std::string(name) + ": ", CallAndBlock());
+  }
+}
+
 TEST_F(BusCallTest, ReportsAnErrorOfTheBus) {
   agent_.Do("disown");
   EXPECT_THAT(CallAndBlock(),

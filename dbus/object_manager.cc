@@ -58,6 +58,7 @@ ObjectManager::ObjectManager(Bus* bus, std::string service, std::string path)
                   base::Bind(&ObjectManager::OnNameOwner, self),
                   &pending_call_)) {
     LOG(ERROR) << "Cannot ask who owns " << service_;
+    bus_->GiveUp();
   }
 }
 
@@ -112,6 +113,7 @@ void ObjectManager::SetOwner(const std::string& owner) {
                              weak_ptr_factory_.GetWeakPtr()),
                   &pending_call_)) {
     LOG(ERROR) << "Cannot ask " << service_ << " for its objects";
+    bus_->GiveUp();
   }
 }
 

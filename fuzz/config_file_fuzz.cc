@@ -75,11 +75,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // Pieces of the text that are no keys.
   for (const std::string_view line : fuzz::Split(contents, '\n')) {
     for (const std::string_view piece : fuzz::Split(line, '=')) {
-      if (expected.contains(std::string(piece))) continue;
-      std::string found = "untouched";
-      CHECK(!store.GetString(std::string(piece), &found) &&
-            found == "untouched")
-          << "A value of " << piece;
+      for (const std::string_view text : {piece, fuzz::Trim(piece)}) {
+        const std::string key(text);
+        if (expected.contains(key)) continue;
+        std::string found = "untouched";
+        CHECK(!store.GetString(key, &found) && found == "untouched")
+            << "A value of " << key;
+      }
     }
   }
   return 0;

@@ -4,6 +4,8 @@
 // The input is a JSON text.
 
 #include <memory>
+#include <set>
+#include <string>
 
 #include "base/json_reader.h"
 #include "base/json_writer.h"
@@ -23,6 +25,12 @@ std::string Rewrite(const std::string& text) {
   return written;
 }
 
+// All names in `model`, however deep.
+void CollectNames(const JsonModel& model, std::set<std::string>* names) {
+  names->insert(model.names.begin(), model.names.end());
+  for (const JsonModel& item : model.items) CollectNames(item, names);
+}
+
 void CheckMembers(const std::string& text, const JsonModel& model) {
   const kestrix::http::Response response(200, text);
   int status = 0;
@@ -31,15 +39,19 @@ void CheckMembers(const std::string& text, const JsonModel& model) {
   const bool is_object = model.kind == JsonModel::Kind::kObject;
   CHECK((json != nullptr) == is_object) << "An object, or none: " << text;
   if (!json) return;
-  std::vector<std::string> names = model.names;
-  names.emplace_back("a name that nobody uses");
+  std::set<std::string> names{"a name that nobody uses"};
+  CollectNames(model, &names);
   for (const std::string& name : names) {
-    std::string found = "untouched";
-    const bool is_string = json->GetString(name, &found);
     const std::string* expected = model.FindString(name);
-    CHECK(is_string == (expected != nullptr)) << "A string, or none: " << name;
-    CHECK(found == (expected ? *expected : "untouched"))
-        << "Another value of " << name << ": " << found;
+    std::string found = "untouched";
+    std::string read = found;
+    CHECK(json->GetString(name, &found) == (expected != nullptr))
+        << "A string, or none: " << name;
+    CHECK(base::JSONReader::ReadStringMember(text, name, &read) ==
+          (expected != nullptr))
+        << "A string, or none: " << name;
+    CHECK(found == (expected ? *expected : "untouched") && read == found)
+        << "Another value of " << name << ": " << found << ", " << read;
   }
 }
 

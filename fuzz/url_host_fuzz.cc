@@ -69,6 +69,11 @@ std::string GetPort(const fuzz::UrlModel& url) {
   return std::to_string(number);
 }
 
+// Bytes that some parsers drop, cut at, or take for another.
+bool IsAmbiguous(char c) {
+  return static_cast<unsigned char>(c) <= ' ' || c == '\x7f' || c == '\\';
+}
+
 bool IsAddress(const std::string& host) {
   in_addr address{};
   return inet_pton(AF_INET, host.c_str(), &address) == 1;
@@ -127,6 +132,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   CHECK(url.has_value() && url->host == parsed.host());
   std::string port;
   if (admitted) {
+    CHECK(std::none_of(text.begin(), text.end(), IsAmbiguous))
+        << "Admitted: " << text;
     port = GetPort(*url);
     CheckParts(text, parsed.host(), port);
   }

@@ -3,6 +3,7 @@
 
 #include "kestrix/daemon.h"
 
+#include <malloc.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -26,9 +27,24 @@ void ForbidCoreDumps() {
   if (!limited || !hidden) LOG(ERROR) << "Cannot forbid core dumps";
 }
 
+// One large request or reply must not leave its mark on the memory at rest: the
+// allocator would by itself learn to keep blocks of such a size.
+void GiveLargeBlocksBack() {
+#ifdef __GLIBC__
+  constexpr int kLarge = 1 << 20;
+  mallopt(M_MMAP_THRESHOLD, kLarge);
+  mallopt(M_TRIM_THRESHOLD, kLarge);
+#endif
+}
+
 }  // namespace
 
-Daemon::Daemon() = default;
+Daemon::Daemon() {
+  ForbidCoreDumps();
+  GiveLargeBlocksBack();
+  // A peer that closes its connection must not end the process.
+  signal(SIGPIPE, SIG_IGN);
+}
 Daemon::~Daemon() = default;
 
 void Daemon::RegisterHandler(int signal_number, SignalHandler handler) {
@@ -63,9 +79,6 @@ int Daemon::Run() {
 }
 
 int Daemon::OnInit() {
-  ForbidCoreDumps();
-  // A peer that closes its connection must not end the process.
-  signal(SIGPIPE, SIG_IGN);
   for (const int signal_number : {SIGTERM, SIGINT}) {
     RegisterHandler(signal_number,
                     base::Bind(&Daemon::OnTermination, base::Unretained(this)));

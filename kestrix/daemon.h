@@ -19,6 +19,7 @@ class Daemon {
   // unregistered.
   using SignalHandler = base::Callback<bool(int signal_number)>;
 
+  // From here on the process leaves no core dump, and SIGPIPE is ignored.
   Daemon();
   virtual ~Daemon();
   Daemon(const Daemon&) = delete;
@@ -35,7 +36,7 @@ class Daemon {
  protected:
   // Called by Run() first. Anything but EX_OK ends Run() with that code, before
   // the loop has run. SIGTERM and SIGINT then end the loop, SIGHUP calls
-  // OnRestart(), and SIGPIPE is ignored. The process leaves no core dump.
+  // OnRestart().
   virtual int OnInit();
 
   // Called by Run() after the loop has ended. May change the exit code.

@@ -313,10 +313,9 @@ using DaemonDeathTest = DaemonTest;
 
 TEST_F(DaemonDeathTest, OutlivesAPeerThatClosesItsConnection) {
   daemon_.reset();
-  const auto write_to_nobody = [](bool initialize) {
+  const auto write_to_nobody = [](bool construct) {
     signal(SIGPIPE, SIG_DFL);
-    TestDaemon daemon;
-    if (initialize) daemon.OnInit();
+    if (construct) new TestDaemon;
     int pipe_fds[2];
     if (pipe(pipe_fds) != 0) _exit(2);
     close(pipe_fds[0]);

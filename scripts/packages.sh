@@ -15,6 +15,9 @@ SANDBOX_PACKAGES="bubblewrap curl dbus-daemon openssl python3 python3-dbus
 TEST_PACKAGES="git mandoc libgtest-dev libgmock-dev clang clang-format
   python3-pytest"
 
+# What the fuzzers need besides.
+FUZZ_PACKAGES="libclang-rt-14-dev"
+
 # install_packages NAME...: installs those that are missing, and says which.
 install_packages() {
   local missing="" name

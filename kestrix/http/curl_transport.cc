@@ -4,6 +4,7 @@
 #include "kestrix/http/curl_transport.h"
 
 #include <curl/curl.h>
+#include <limits.h>
 #include <malloc.h>
 #include <openssl/ssl.h>
 #include <stdlib.h>
@@ -120,6 +121,9 @@ namespace {
 // must still get onto the disk while requests are many.
 long ClaimDescriptors() {
   constexpr rlim_t kReserved = 64;
+  // A look-up takes three for a while, and a connection to a name with two
+  // addresses tries both.
+  constexpr rlim_t kPerConnection = 4;
   constexpr rlim_t kEnough = 65536;
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
@@ -127,7 +131,8 @@ long ClaimDescriptors() {
   setrlimit(RLIMIT_NOFILE, &limit);
   getrlimit(RLIMIT_NOFILE, &limit);
   const rlim_t usable = std::min(limit.rlim_cur, kEnough);
-  return static_cast<long>(std::max(usable, kReserved + 1) - kReserved);
+  const rlim_t ours = usable > kReserved ? usable - kReserved : 0;
+  return static_cast<long>(std::max<rlim_t>(ours / kPerConnection, 1));
 }
 
 }  // namespace
@@ -164,7 +169,8 @@ class CurlTransport::Transfer {
   // Hands the request to the library. False, with the reason kept for
   // ReportRefused(), if it must not be sent.
   bool Start(base::TimeDelta timeout) {
-    if (!CheckUrl(request_.url, &refusal_) ||
+    if (!CheckHeaderSize(request_, &refusal_) ||
+        !CheckUrl(request_.url, &refusal_) ||
         !CheckHeaders(request_.headers, &refusal_)) {
       return false;
     }
@@ -191,9 +197,10 @@ class CurlTransport::Transfer {
     // The library takes a header that just stops for a whole one, and one that
     // follows an interim response whatever its first line is.
     if (result == CURLE_OK && !header_ended_) result = CURLE_PARTIAL_FILE;
-    if (result == CURLE_OK && status < 200) result = CURLE_WEIRD_SERVER_REPLY;
-    // What it says of a header line beyond a limit of its own. Memory that is
-    // really short ends the process elsewhere, so no other cause is in sight.
+    if (result == CURLE_OK && (status < 200 || status > 999)) {
+      result = CURLE_WEIRD_SERVER_REPLY;
+    }
+    // What it says of a header line beyond a limit of its own.
     if (result == CURLE_OUT_OF_MEMORY) too_large_ = true;
     if (result == CURLE_OK) {
       success_callback_.Run(id_,
@@ -204,6 +211,10 @@ class CurlTransport::Transfer {
     const char* code = too_large_ ? "too_large" : ErrorCode(result);
     const char* text =
         error_text_[0] ? error_text_ : curl_easy_strerror(result);
+    if (result == CURLE_ABORTED_BY_CALLBACK) {
+      code = "protocol";
+      text = "The connection broke before there was an answer";
+    }
     if (too_large_ || result == CURLE_FILESIZE_EXCEEDED) {
       text = "The response is larger than this device accepts";
     }
@@ -267,6 +278,9 @@ class CurlTransport::Transfer {
            Set(CURLOPT_MAXFILESIZE_LARGE,
                static_cast<curl_off_t>(kMaxBodySize)) &&
            Set(CURLOPT_ERRORBUFFER, error_text_) &&
+           // Once. The library would send it again if a kept connection broke.
+           Set(CURLOPT_PREREQFUNCTION, &Transfer::OnSend) &&
+           Set(CURLOPT_PREREQDATA, this) &&
            // How long it may take. Without the quick exit a name server that
            // does not answer would stall the loop when a request is given up.
            Set(CURLOPT_TIMEOUT_MS, timeout_ms) && Set(CURLOPT_NOSIGNAL, 1L) &&
@@ -280,6 +294,13 @@ class CurlTransport::Transfer {
            Set(CURLOPT_POSTFIELDSIZE_LARGE,
                static_cast<curl_off_t>(request_.body.size())) &&
            Set(CURLOPT_POSTFIELDS, request_.body.data());
+  }
+
+  // A server may have acted on a request before the connection broke.
+  static int OnSend(void* transfer, char*, char*, int, int) {
+    auto* self = static_cast<Transfer*>(transfer);
+    if (std::exchange(self->sent_, true)) return CURL_PREREQFUNC_ABORT;
+    return CURL_PREREQFUNC_OK;
   }
 
   // Returning another number than was given ends the transfer.
@@ -319,6 +340,7 @@ class CurlTransport::Transfer {
   size_t header_size_ = 0;
   bool header_ended_ = false;
   bool too_large_ = false;
+  bool sent_ = false;
   char error_text_[CURL_ERROR_SIZE] = {};
 };
 
@@ -356,14 +378,16 @@ void CurlTransport::SetUpMultiHandle() {
 RequestId CurlTransport::StartAsyncTransfer(Request request,
                                             SuccessCallback success_callback,
                                             ErrorCallback error_callback) {
-  const RequestId id = ++last_id_;
+  // Positive, however many there have been.
+  const RequestId id = last_id_ = last_id_ % INT_MAX + 1;
   auto transfer = std::make_unique<Transfer>(
       multi_->get, id, std::move(request), std::move(success_callback),
       std::move(error_callback));
   const bool started = transfer->Start(default_timeout_);
   transfers_[id] = std::move(transfer);
-  most_transfers_ = std::max(most_transfers_, transfers_.size());
-  if (!started) {
+  if (started) {
+    most_transfers_ = std::max(most_transfers_, transfers_.size());
+  } else {
     PostReportRefused(id);
   }
   return id;
@@ -380,9 +404,9 @@ void CurlTransport::PostReportRefused(RequestId id) {
 
 void CurlTransport::ReportRefused(RequestId id) {
   const std::shared_ptr<CurlTransport> keep_alive = shared_from_this();
-  const auto node = transfers_.extract(id);
   // It may have ended meanwhile.
-  if (!node.empty()) node.mapped()->ReportRefused();
+  if (auto node = transfers_.extract(id)) node.mapped()->ReportRefused();
+  if (transfers_.empty()) EndBurst();
 }
 
 int CurlTransport::OnSocketInterest(void* easy, int fd, int what, void* self,

@@ -13,6 +13,7 @@ namespace kestrix::http {
 namespace {
 
 constexpr char kFile[] = "kestrix/http/request_check";
+constexpr base::Location kCheckHeaderSize{"CheckHeaderSize", kFile, 0};
 constexpr base::Location kCheckUrl{"CheckUrl", kFile, 0};
 constexpr base::Location kCheckHeaders{"CheckHeaders", kFile, 0};
 
@@ -91,6 +92,17 @@ const char* FindUrlFault(const std::string& url) {
 }
 
 }  // namespace
+
+bool CheckHeaderSize(const Request& request, std::unique_ptr<Error>* error) {
+  size_t size = request.url.size();
+  for (const auto& [name, value] : request.headers) {
+    size += name.size() + value.size();
+  }
+  if (size <= kMaxRequestHeaderSize) return true;
+  Error::AddTo(error, kCheckHeaderSize, kErrorDomain, "too_large",
+               "The request header is larger than this device sends");
+  return false;
+}
 
 bool CheckUrl(const std::string& url, std::unique_ptr<Error>* error) {
   const char* fault = FindUrlFault(url);

@@ -12,6 +12,13 @@
 
 namespace kestrix::http {
 
+// What URL and header fields of a request may come to. Beyond a mebibyte the
+// HTTP library gives up without saying why.
+inline constexpr size_t kMaxRequestHeaderSize = 512u << 10;
+
+// False, with too_large added to `error`, if they come to more.
+bool CheckHeaderSize(const Request& request, std::unique_ptr<Error>* error);
+
 // Whoever allowed a URL read it with a parser of their own; the HTTP library
 // reads the same text again. This check admits only texts on which any two
 // parsers must agree about the host: nothing before an @, no blanks, control

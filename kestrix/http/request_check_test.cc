@@ -278,5 +278,22 @@ TEST(CanUseHttp2Test, IsFalseForALeadingOrTrailingBlank) {
   }
 }
 
+TEST(CheckHeaderSizeTest, TakesUpTo512KiBOfUrlAndFields) {
+  const std::string half(256u << 10, 'x');
+  Request request{"GET", half, {{half.substr(10), "0123456789"}}, ""};
+  std::unique_ptr<Error> error;
+  EXPECT_TRUE(CheckHeaderSize(request, &error));
+  EXPECT_EQ(nullptr, error);
+  // The body does not count.
+  request.body = half;
+  EXPECT_TRUE(CheckHeaderSize(request, &error));
+  request.url += 'x';
+  EXPECT_FALSE(CheckHeaderSize(request, &error));
+  ASSERT_NE(nullptr, error);
+  EXPECT_EQ("too_large", error->GetCode());
+  EXPECT_EQ("The request header is larger than this device sends",
+            error->GetMessage());
+}
+
 }  // namespace
 }  // namespace kestrix::http

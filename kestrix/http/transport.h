@@ -68,8 +68,10 @@ using ErrorCallback = base::Callback<void(RequestId, const Error*)>;
 // http and https only, TLS 1.2 or newer, certificates always checked. Nothing
 // in the environment changes that.
 //
-// Limits, beyond which a request fails with too_large: 16 MiB of response body,
-// 64 KiB of response header.
+// Limits, beyond which a request fails with too_large: 512 KiB of URL and
+// header fields, 16 MiB of response body, 64 KiB of response header.
+//
+// A request is sent at most once, whatever becomes of its connection.
 class Transport {
  public:
   // Requires: the process has an event loop, which outlives the transport.

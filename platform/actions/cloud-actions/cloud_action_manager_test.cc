@@ -176,6 +176,14 @@ TEST(CloudActionManagerFilesTest, HasFixedPaths) {
   EXPECT_STREQ("/var/lib/cloud_action/refresh_token", kRefreshTokenFile);
 }
 
+TEST(CloudActionManagerErrorsTest, HasFixedNames) {
+  EXPECT_STREQ("actions", errors::kDomain);
+  EXPECT_STREQ("invalid_arguments", errors::kInvalidArguments);
+  EXPECT_STREQ("remote_error", errors::kRemoteError);
+  EXPECT_STREQ("parsing_error", errors::kParsingError);
+  EXPECT_STREQ("internal_error", errors::kInternalError);
+}
+
 TEST_F(CloudActionManagerTest, SetsTheTimeoutOfTheSharedTransport) {
   CreateManager();
   EXPECT_THAT(transport_->timeouts(), ElementsAre(base::TimeDelta(30'000'000)));
@@ -335,6 +343,14 @@ TEST_F(CloudActionManagerTest, ReadsAFileThatWasEditedByHand) {
   CreateReady("\t https://a/p , ,,https://b/q\n");
   EXPECT_TRUE(Admits("https://a/p"));
   EXPECT_TRUE(Admits("https://b/q"));
+}
+
+TEST_F(CloudActionManagerTest, PassesOverEmptyPiecesSilently) {
+  test::PutFile(kConfigFile, kConfig);
+  test::PutFile(kRefreshTokenFile, "refresh");
+  test::PutFile(kAllowedEndpointsFile, ",https://a/p, ,,\n");
+  CreateManager();
+  EXPECT_THAT(log_.lines(), ElementsAre(kRefreshing));
 }
 
 TEST_F(CloudActionManagerTest, TakesLinesForOneEndpoint) {

@@ -726,6 +726,17 @@ TEST_F(OAuth2ManagerTest, DropsTheAccessTokenIfALateRefreshGetsNoReply) {
   EXPECT_EQ("", manager_->GetAccessToken());
 }
 
+TEST_F(OAuth2ManagerTest, DropsTheAccessTokenOnALateUnusableRefreshReply) {
+  CreateProvisioned("old");
+  clock_.Advance(seconds(30));
+  manager_->GetAccessToken();
+  transport_->Answer(1, 200, R"({"access_token":"access"})");
+  EXPECT_EQ("access", manager_->GetAccessToken());
+  transport_->Answer(0, 400, "{}");
+  EXPECT_EQ("", manager_->GetAccessToken());
+  EXPECT_FALSE(manager_->HasRefreshToken());
+}
+
 TEST_F(OAuth2ManagerTest, IgnoresALateRefreshReplyOnceDestroyed) {
   CreateProvisioned("old");
   manager_.reset();
