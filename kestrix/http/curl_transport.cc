@@ -278,7 +278,7 @@ class CurlTransport::Transfer {
            Set(CURLOPT_MAXFILESIZE_LARGE,
                static_cast<curl_off_t>(kMaxBodySize)) &&
            Set(CURLOPT_ERRORBUFFER, error_text_) &&
-           // Once. The library would send it again if a kept connection broke.
+           // At most once.
            Set(CURLOPT_PREREQFUNCTION, &Transfer::OnSend) &&
            Set(CURLOPT_PREREQDATA, this) &&
            // How long it may take. Without the quick exit a name server that
@@ -296,10 +296,16 @@ class CurlTransport::Transfer {
            Set(CURLOPT_POSTFIELDS, request_.body.data());
   }
 
-  // A server may have acted on a request before the connection broke.
+  // Called before the request is sent. The library sends it again if a kept
+  // connection breaks before the answer begins, when the server may have acted
+  // on it. (On a new connection only a server that says it has done nothing
+  // makes it do so.)
   static int OnSend(void* transfer, char*, char*, int, int) {
     auto* self = static_cast<Transfer*>(transfer);
-    if (std::exchange(self->sent_, true)) return CURL_PREREQFUNC_ABORT;
+    if (self->was_sent_on_kept_connection_) return CURL_PREREQFUNC_ABORT;
+    long new_connections = 0;
+    curl_easy_getinfo(self->easy_, CURLINFO_NUM_CONNECTS, &new_connections);
+    self->was_sent_on_kept_connection_ = new_connections == 0;
     return CURL_PREREQFUNC_OK;
   }
 
@@ -340,7 +346,7 @@ class CurlTransport::Transfer {
   size_t header_size_ = 0;
   bool header_ended_ = false;
   bool too_large_ = false;
-  bool sent_ = false;
+  bool was_sent_on_kept_connection_ = false;
   char error_text_[CURL_ERROR_SIZE] = {};
 };
 

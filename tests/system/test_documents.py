@@ -290,6 +290,10 @@ def test_the_decisions_have_every_code_and_no_other():
       "decisions.md": "more than 8 KiB is cut"}),
     ("kMaxFileSize", "32u << 20",
      {"decisions.md": "| 32 MiB |", CONFIG_PAGE: "may be 32 MiB long"}),
+    ("kMaxRequestHeaderSize", "512u << 10",
+     {"calling.md": "| 512 KiB |", "decisions.md": "| 512 KiB |"}),
+    ("kPerConnection", "4",
+     {"calling.md": "a quarter of", "decisions.md": "a quarter of"}),
     ("kReserved", "64",
      {"calling.md": "less 64;", "decisions.md": "less 64;"}),
 ], ids=lambda value: value if str(value).startswith("k") else "")
