@@ -126,7 +126,9 @@ void Bus::GiveUp() {
 }
 
 void Bus::OnGivenUp() {
-  if (disconnected_callback_) disconnected_callback_.Run();
+  // Told once, whatever else goes wrong.
+  const auto callback = std::exchange(disconnected_callback_, {});
+  if (callback) callback.Run();
 }
 
 bool Bus::IsOpen() const { return bus_ && sd_bus_is_open(bus_) > 0; }

@@ -92,10 +92,16 @@ void ObjectManager::OnNameOwnerChanged(Message signal) {
 }
 
 void ObjectManager::OnNameOwner(Message reply) {
-  // The text of an error is a string as well.
-  if (reply.GetError().is_set()) return;
+  const Error error = reply.GetError();
+  if (error.name == "org.freedesktop.DBus.Error.NameHasNoOwner") return;
   std::string owner;
-  if (MessageReader(&reply).PopString(&owner)) SetOwner(owner);
+  // The text of an error is a string as well.
+  if (error.is_set() || !MessageReader(&reply).PopString(&owner)) {
+    LOG(ERROR) << "Cannot ask who owns " << service_;
+    bus_->GiveUp();
+    return;
+  }
+  SetOwner(owner);
 }
 
 void ObjectManager::SetOwner(const std::string& owner) {

@@ -38,6 +38,7 @@ struct Control {
   int64_t occurrence;  // The how-manieth of them, from 1.
   int64_t value;
   int64_t second;  // Only calls with that second argument; -1 for any.
+  int64_t log;     // 1: only calls on descriptor 2; 0: only others; -1: any.
   // The answer.
   int64_t pid;
   int64_t seen;     // How many such calls there were.

@@ -46,7 +46,8 @@ class ControlFile(ctypes.Structure):
     """As in control.h."""
     _fields_ = [(name, ctypes.c_int64) for name in (
         "armed", "mode", "number", "occurrence", "value", "second",
-        "pid", "seen", "hit", "records")] + [("record", Record * RECORDS)]
+        "log", "pid", "seen", "hit", "records")] + [
+            ("record", Record * RECORDS)]
 
 
 class Control:
@@ -60,12 +61,13 @@ class Control:
                                      ctypes.sizeof(ControlFile))
         self._file = ControlFile.from_buffer(self._memory)
 
-    def order(self, mode=COUNT, number=-1, occurrence=1, value=0, second=-1):
+    def order(self, mode=COUNT, number=-1, occurrence=1, value=0, second=-1,
+              log=-1):
         """Says what is to go wrong, once armed."""
         file = self._file
         file.armed = file.pid = file.seen = file.hit = file.records = 0
         file.mode, file.number, file.occurrence = mode, number, occurrence
-        file.value, file.second = value, second
+        file.value, file.second, file.log = value, second, log
 
     def arm(self):
         self._file.armed = 1
@@ -186,11 +188,12 @@ class Run:
         return (self._control.pid if self._control and self._control.pid
                 else self._process.pid)
 
-    def text(self):
-        """All that it has said so far."""
+    def text(self, since=0):
+        """All that it has said so far, or `since` then."""
         with self._said:
             self._drain()
-            return self._stderr.decode("utf-8", errors="backslashreplace")
+            return self._stderr[since:].decode("utf-8",
+                                               errors="backslashreplace")
 
     def lines(self):
         return self.text().splitlines()
@@ -223,16 +226,22 @@ class Run:
                                                     self._stderr.decode()))
         return agent.seen(member, path) >= count
 
-    def wait_for_end_of_command(self, path, *words):
+    def said_so_far(self):
+        """How many bytes it has said so far."""
+        with self._said:
+            self._drain()
+            return len(self._stderr)
+
+    def wait_for_end_of_command(self, path, *words, since=0):
         """Waits until a command is over, as the agent or `words` tell.
 
-        False if the run ended instead.
+        What was said `since` then counts. False if the run ended instead.
         """
         agent = self._world.agent
 
         def over():
             return (agent.seen("Complete", path) or agent.seen("Abort", path)
-                    or any(w.encode() in self._stderr for w in words))
+                    or any(w.encode() in self._stderr[since:] for w in words))
         agent.wait_until(lambda: self.ended or over(),
                          "the end of %s; the daemon said: %s" % (
                              path, self._stderr.decode()))

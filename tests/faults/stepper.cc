@@ -169,7 +169,9 @@ class Stepper {
     const bool matches =
         (control_->number < 0 || control_->number == number) &&
         (control_->second < 0 ||
-         control_->second == static_cast<int64_t>(info.entry.args[1]));
+         control_->second == static_cast<int64_t>(info.entry.args[1])) &&
+        (control_->log < 0 ||
+         (control_->log != 0) == (info.entry.args[0] == STDERR_FILENO));
     if (matches && ++control_->seen == control_->occurrence) {
       control_->hit = control_->mode != faults::kCount;
       if (control_->mode == faults::kKill) {

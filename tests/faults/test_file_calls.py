@@ -51,7 +51,7 @@ def fails(world, control, stepper, opened):
                      if known == name]
         _, mode, value, second = fault
         performed, run = step(world, control, stepper, scenario, mode, number,
-                              occurrence, value, second)
+                              occurrence, value, second, 0)
         assert control.hit
         performed.clean_up()
         assert sorted(os.listdir(STATE)) == [

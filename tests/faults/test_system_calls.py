@@ -9,6 +9,7 @@ are asked for.
 
 import collections
 import errno
+import itertools
 import re
 
 import pytest
@@ -21,6 +22,9 @@ EPOLL_CTL_ADD = 1
 def fail(name, second=-1):
     return "%s" % name, FAIL, -getattr(errno, name), second
 
+
+# A write to the log.
+LOG = "writev"
 
 NOTHING = "0", FAIL, 0, -1
 ONE_BYTE = "1 byte", SHORTEN, 1, -1
@@ -42,7 +46,8 @@ FILES = {
 OTHERS = {names: faults for several, faults in {
     "close": [fail("EIO"), fail("EINTR")],
     # The log.
-    "writev": [fail("EIO"), fail("EAGAIN"), fail("EINTR"), NOTHING],
+    LOG: [fail("EIO"), fail("EAGAIN"), fail("EINTR"), NOTHING, ONE_BYTE],
+    "poll": [fail("EINTR"), fail("ENOMEM"), NOTHING],
     # Sockets.
     "socket": [fail("EMFILE"), fail("ENOBUFS"), fail("EAFNOSUPPORT")],
     "socketpair": [fail("EMFILE")],
@@ -57,7 +62,7 @@ OTHERS = {names: faults for several, faults in {
     "epoll_ctl": [fail("ENOMEM", EPOLL_CTL_ADD),
                   fail("ENOSPC", EPOLL_CTL_ADD)],
     "epoll_wait": [fail("EINTR")],
-    "poll ppoll": [fail("EINTR"), fail("ENOMEM")],
+    "ppoll": [fail("EINTR"), fail("ENOMEM")],
     # Memory, threads and the rest.
     "mmap mprotect": [fail("ENOMEM")],
     "brk": [("ENOMEM", NO_BREAK, 0, -1)],
@@ -74,20 +79,19 @@ SAFE = set("""getpid gettid exit exit_group futex rseq set_robust_list
   getegid umask ioctl""".split())
 
 
-def live(world, control, stepper, *order):
+def live(world, control, stepper, *order, silent=False):
     control.order(*order)
     control.arm()
-    # What is said last is waited for, unless it is the saying that fails.
-    silent = system_call_names().get(dict(enumerate(order)).get(1)) == "writev"
     life = Life(world, silent)
     run = world.start([stepper, control.path, world.program], control=control)
     life.perform(run)
+    life.go_on(run, control)
     return life, run
 
 
 @pytest.fixture(scope="module")
-def counts(world, control, stepper):
-    """How often each call occurs in a life in which nothing goes wrong."""
+def ordinary(world, control, stepper):
+    """A life in which nothing goes wrong: (calls of each kind, the log)."""
     names = system_call_names()
     life, run = live(world, control, stepper, COUNT)
     assert run.stop() == 0
@@ -95,19 +99,25 @@ def counts(world, control, stepper):
         "200", "200", "Failed: actions/invalid_arguments: Endpoint "
         "https://cloud.vantrel.example/v2/ not whitelisted"]
     assert world.state() == (None, None)
-    return collections.Counter(names[call.number]
-                               for call in control.records())
+    return collections.Counter(
+        names[call.number] for call in control.records()), run.lines()
+
+
+@pytest.fixture(scope="module")
+def counts(ordinary):
+    """How often each call occurs in a life in which nothing goes wrong."""
+    return ordinary[0]
 
 
 def test_all_calls_are_known(counts):
     print(dict(counts))
     assert set(counts) - set(FILES) - set(OTHERS) - SAFE == set()
     # What no daemon of this kind can do without.
-    least = {"openat": 15, "read": 15, "write": 2, "fchmod": 2, "fsync": 6,
-             "rename": 2, "unlink": 2, "getdents64": 4, "socket": 3,
-             "connect": 2, "sendmsg": 15, "recvmsg": 30, "epoll_ctl": 10,
-             "epoll_wait": 20, "sendto": 5, "recvfrom": 15, "signalfd4": 3,
-             "getrandom": 1}
+    least = {"openat": 15, "read": 15, "write": 2, LOG: 6, "poll": 6,
+             "fchmod": 2, "fsync": 6, "rename": 2, "unlink": 2,
+             "getdents64": 4, "socket": 3, "connect": 2, "sendmsg": 15,
+             "recvmsg": 30, "epoll_ctl": 10, "epoll_wait": 20, "sendto": 5,
+             "recvfrom": 15, "signalfd4": 3, "getrandom": 1}
     assert {name: count for name, count in least.items()
             if counts[name] < count} == {}
 
@@ -116,20 +126,24 @@ def test_all_calls_are_known(counts):
     pytest.param(name, fault, id="%s-%s" % (name, fault[0]))
     for name, faults in {**FILES, **OTHERS}.items() for fault in faults])
 def test_a_call_that_fails_costs_no_file_no_secret_and_no_later_request(
-        world, control, stepper, counts, every, name, fault):
+        world, control, stepper, ordinary, counts, every, name, fault):
     assert counts[name], "never called"
     (number,) = [n for n, known in system_call_names().items()
-                 if known == name]
+                 if known == name.partition("-")[0]]
+    log = int(name == LOG) if name in (LOG, "write") else -1
+    # What is said last is waited for, unless it is the saying that fails.
+    log_goes_on = fault in (fail("EINTR"), ONE_BYTE)
+    silent = name in (LOG, "poll") and not log_goes_on
     _, mode, value, second = fault
     all_points = every or name in FILES
     # One in the middle, where the most is under way; an earlier one if it was
     # called less often this time.
     middle = 1 + counts[name] // (4 if second >= 0 else 2)
-    points = range(1, 1000) if all_points else range(middle, 0, -1)
+    points = itertools.count(1) if all_points else range(middle, 0, -1)
     done = 0
     for point in points:
         life, run = live(world, control, stepper, mode, number, point, value,
-                         second)
+                         second, log, silent=silent)
         code = run.stop()
         if not control.hit:
             assert code == 0
@@ -138,6 +152,8 @@ def test_a_call_that_fails_costs_no_file_no_secret_and_no_later_request(
             continue
         done += 1
         assess(life, run, code, "%s %d" % (name, point))
+        if name == LOG and log_goes_on:
+            assert run.lines() == ordinary[1]
         assert world.state() in life.states()
         world.check_restart()
         if not all_points:
