@@ -20,7 +20,9 @@ void EraseAndFree(void* memory) {
 
 }  // namespace base
 
-// The standard library's array forms call these.
+// All forms but those for over-aligned types, of which there are none: a
+// sanitizer brings forms of its own for those that are left out, whose memory
+// ours could not take back.
 
 void* operator new(size_t size) {
   if (void* memory = malloc(size > 0 ? size : 1)) return memory;
@@ -31,14 +33,23 @@ void* operator new(size_t size) {
   abort();
 }
 
-// A sanitizer brings a form of its own, whose memory our operator delete could
-// not take back.
+void* operator new[](size_t size) { return operator new(size); }
+
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
   return malloc(size > 0 ? size : 1);
 }
 
+void* operator new[](size_t size, const std::nothrow_t& nothrow) noexcept {
+  return operator new(size, nothrow);
+}
+
 void operator delete(void* memory) noexcept { base::EraseAndFree(memory); }
+void operator delete[](void* memory) noexcept { base::EraseAndFree(memory); }
 
 void operator delete(void* memory, size_t) noexcept {
+  base::EraseAndFree(memory);
+}
+
+void operator delete[](void* memory, size_t) noexcept {
   base::EraseAndFree(memory);
 }

@@ -317,9 +317,12 @@ TEST_F(CloudActionManagerAgentTest, SavesEndpointsAsTheyWereReceived) {
 TEST_F(CloudActionManagerAgentTest, TakesASetCommandWithoutEndpoints) {
   StartProvisioned();
   StartExchange(R"({"_authorizationCode": ["s", "c"]})");
+  log_.Clear();
   AnswerLast(200, kGoodReply);
   ExpectCalls({Publish(true), Complete()});
   EXPECT_EQ("", test::GetFile(kAllowedEndpointsFile));
+  EXPECT_THAT(log_.lines(),
+              ElementsAre(InfoLine("Successfully fetched refresh token: 200")));
   EXPECT_EQ("Endpoint https://old/ not whitelisted", Redirect("https://old/"));
 }
 

@@ -14,6 +14,7 @@
 #include "base/event_loop.h"
 #include "dbus/bus.h"
 #include "dosset/dbus-proxies.h"
+#include "platform/actions/cloud-actions/source_locations.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/fake_transport.h"
 #include "tests/support/log_capture.h"
@@ -182,6 +183,14 @@ TEST(CloudActionManagerErrorsTest, HasFixedNames) {
   EXPECT_STREQ("remote_error", errors::kRemoteError);
   EXPECT_STREQ("parsing_error", errors::kParsingError);
   EXPECT_STREQ("internal_error", errors::kInternalError);
+}
+
+// What the log does not show of them.
+TEST(CloudActionManagerLocationsTest, NameTheirFunctions) {
+  EXPECT_STREQ("CloudActionManager",
+               source_locations::kConfigNotLoaded.function);
+  EXPECT_STREQ("OnRequestSuccess",
+               source_locations::kAccessTokenInvalidated.function);
 }
 
 TEST_F(CloudActionManagerTest, SetsTheTimeoutOfTheSharedTransport) {
