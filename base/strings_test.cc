@@ -136,7 +136,7 @@ TEST(ReplaceSubstringsAfterOffsetDeathTest, DiesWithNothingToLookFor) {
 }
 
 TEST(EraseStringTest, LeavesNothingBehind) {
-  for (const size_t size : {0, 5, 500}) {
+  for (const size_t size : {0u, 5u, 500u}) {
     std::string text(size, 'x');
     const char* const data = text.data();
     EraseString(&text);
