@@ -9,6 +9,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/event_loop.h"
@@ -325,6 +326,22 @@ TEST_F(BusCallTest, ReleasesTheCallbackWithTheBus) {
   bus_.reset();
   EXPECT_EQ(1, held.use_count());
   EXPECT_FALSE(has_run);
+}
+
+// More than fits into the socket, so most of it is still here at the end.
+TEST_F(BusCallTest, HandsOverWhatIsQueuedWhenDestroyed) {
+  const std::string text(1 << 20, 'x');
+  Message call = NewCall("UpdateState");
+  MessageWriter writer(&call);
+  ASSERT_TRUE(writer.OpenArray("{sv}") && writer.OpenDictEntry("sv") &&
+              writer.AppendString("key") && writer.OpenVariant("s") &&
+              writer.AppendString(text) && writer.Close() && writer.Close() &&
+              writer.Close());
+  ASSERT_TRUE(peer_.CallMethod(std::move(call), -1, [](Message) {}));
+  bus_.reset();
+  ASSERT_TRUE(
+      test::RunUntil("the call", [&] { return !agent_.calls().empty(); }));
+  EXPECT_THAT(agent_.calls()[0].arguments, HasSubstr(text));
 }
 
 TEST_F(BusCallTest, MatchesSignalsUntilTheSlotIsDestroyed) {

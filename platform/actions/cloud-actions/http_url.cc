@@ -24,7 +24,7 @@ bool ParseAuthority(std::string_view authority, std::string* host) {
   if (std::count(authority.begin(), authority.end(), ':') > 1) return false;
   const std::vector<std::string> pieces = base::SplitString(
       authority, ":", base::WhitespaceHandling::kTrim, base::SplitResult::kAll);
-  if (pieces.empty() || pieces[0].empty() || pieces.size() > 2) return false;
+  if (pieces.empty() || pieces[0].empty()) return false;
   // Intended: any 32-bit integer passes, since the port takes no part in the
   // decision. What cannot be connected to is the transport's to refuse.
   int port = 0;
