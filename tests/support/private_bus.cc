@@ -3,6 +3,7 @@
 
 #include "tests/support/private_bus.h"
 
+#include <signal.h>
 #include <stdlib.h>
 
 #include "base/logging.h"
@@ -52,5 +53,9 @@ PrivateBus::PrivateBus() {
 }
 
 PrivateBus::~PrivateBus() { unsetenv(kVariable); }
+
+void PrivateBus::Pause() { daemon_->Signal(SIGSTOP); }
+
+void PrivateBus::Resume() { daemon_->Signal(SIGCONT); }
 
 }  // namespace test

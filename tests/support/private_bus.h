@@ -25,6 +25,10 @@ class PrivateBus {
   // Ends the bus: every client loses its connection.
   void Stop() { daemon_.reset(); }
 
+  // Makes the bus stand still: its clients stay connected.
+  void Pause();
+  void Resume();
+
  private:
   TempDirectory folder_;
   std::unique_ptr<Process> daemon_;

@@ -66,6 +66,8 @@ Process::~Process() {
   waitpid(pid_, nullptr, 0);
 }
 
+void Process::Signal(int number) { kill(pid_, number); }
+
 void Process::Write(const std::string& text) {
   const ssize_t written = write(input_, text.data(), text.size());
   CHECK(written == static_cast<ssize_t>(text.size()))

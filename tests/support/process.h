@@ -26,6 +26,9 @@ class Process {
   Process(const Process&) = delete;
   Process& operator=(const Process&) = delete;
 
+  // Sends it a signal.
+  void Signal(int number);
+
   // Writes to its standard input.
   void Write(const std::string& text);
 
