@@ -278,7 +278,7 @@ class CurlTransport::Transfer {
            Set(CURLOPT_MAXFILESIZE_LARGE,
                static_cast<curl_off_t>(kMaxBodySize)) &&
            Set(CURLOPT_ERRORBUFFER, error_text_) &&
-           // At most once.
+           // Not again once the server may have acted on it.
            Set(CURLOPT_PREREQFUNCTION, &Transfer::OnSend) &&
            Set(CURLOPT_PREREQDATA, this) &&
            // How long it may take. Without the quick exit a name server that

@@ -39,9 +39,9 @@ RequestId PostJson(const std::string& url, std::unique_ptr<base::Value> json,
 
 // A POST of `form_fields` in their order, encoded as
 // application/x-www-form-urlencoded. Forms carry credentials, so the connection
-// is not kept. A field beyond what the HTTP library
-// encodes, some 24 MB of encoded text, is not sent: the second callback then
-// runs with too_large, and the id is 0.
+// is not kept. A field beyond what the HTTP library encodes, some 24 MB of
+// encoded text, is not sent: the second callback then runs with too_large, and
+// the id is 0.
 RequestId PostFormData(const std::string& url, const FormFieldList& form_fields,
                        const HeaderList& headers,
                        const std::shared_ptr<Transport>& transport,

@@ -71,7 +71,8 @@ using ErrorCallback = base::Callback<void(RequestId, const Error*)>;
 // Limits, beyond which a request fails with too_large: 512 KiB of URL and
 // header fields, 16 MiB of response body, 64 KiB of response header.
 //
-// A request is sent at most once, whatever becomes of its connection.
+// A request is not sent again once a server may have acted on it, whatever
+// becomes of its connection.
 class Transport {
  public:
   // Requires: the process has an event loop, which outlives the transport.
