@@ -8,6 +8,7 @@ import os
 import threading
 import time
 
+import memory_scan
 import pytest
 from bus_client import BusClient, CallError
 from cloud import Reply
@@ -54,8 +55,7 @@ def load_server(certificate):
 @pytest.fixture(scope="session")
 def sanitized(program):
     """Whether a sanitizer is in the daemon, and keeps memory for itself."""
-    with open(program, "rb") as file:
-        return b"__asan_init" in file.read()
+    return memory_scan.sanitized(program)
 
 
 def over_tls(number):
