@@ -7,9 +7,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <sysexits.h>
 #include <unistd.h>
 
@@ -18,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/temp_directory.h"
+#include "tests/support/notify_socket.h"
 #include "tests/support/test_loop.h"
 
 namespace kestrix {
@@ -259,54 +256,27 @@ TEST_F(DaemonTest, LetsATerminationSignalBeTakenOver) {
   EXPECT_EQ(1, runs);
 }
 
-// A supervisor's end of a datagram socket, as sd_notify(3) describes it.
 class DaemonNotifyTest : public DaemonTest {
  protected:
-  DaemonNotifyTest() {
-    const std::string path = folder_.Path("notify");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    EXPECT_EQ(
-        0, bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
-    setenv("NOTIFY_SOCKET", path.c_str(), 1);
-  }
-  ~DaemonNotifyTest() override {
-    unsetenv("NOTIFY_SOCKET");
-    close(fd_);
-  }
-
-  std::vector<std::string> TakeNotes() {
-    std::vector<std::string> notes;
-    char buffer[256];
-    ssize_t count = 0;
-    while ((count = recv(fd_, buffer, sizeof(buffer), 0)) > 0) {
-      notes.emplace_back(buffer, static_cast<size_t>(count));
-    }
-    return notes;
-  }
-
-  test::TempDirectory folder_;
-  int fd_ = -1;
+  test::NotifySocket supervisor_;
 };
 
 TEST_F(DaemonNotifyTest, TellsTheSupervisorBeforeItShutsDown) {
   daemon_->when_running = [this] {
-    EXPECT_THAT(TakeNotes(), IsEmpty());
+    EXPECT_THAT(supervisor_.TakeNotes(), IsEmpty());
     daemon_->QuitWithExitCode(0);
   };
   std::vector<std::string> notes;
-  daemon_->when_shut_down = [&](int*) { notes = TakeNotes(); };
+  daemon_->when_shut_down = [&](int*) { notes = supervisor_.TakeNotes(); };
   daemon_->Run();
   EXPECT_THAT(notes, ElementsAre("STOPPING=1"));
-  EXPECT_THAT(TakeNotes(), IsEmpty());
+  EXPECT_THAT(supervisor_.TakeNotes(), IsEmpty());
 }
 
 TEST_F(DaemonNotifyTest, TellsNothingIfItCannotInitialize) {
   daemon_->init_code = 7;
   daemon_->Run();
-  EXPECT_THAT(TakeNotes(), IsEmpty());
+  EXPECT_THAT(supervisor_.TakeNotes(), IsEmpty());
 }
 
 using DaemonDeathTest = DaemonTest;

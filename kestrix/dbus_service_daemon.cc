@@ -63,8 +63,14 @@ void DBusServiceDaemon::OnServiceNameClaimed(bool owned,
     QuitWithExitCode(EX_UNAVAILABLE);
     return;
   }
-  // Nothing happens if the init system did not ask to be told.
-  sd_notify(/*unset_environment=*/0, "READY=1");
+  const bool is_told = sd_notify(/*unset_environment=*/0, "READY=1") > 0;
+  if (is_told && describe_status_) {
+    status_ = std::make_unique<ServiceStatus>(event_loop(), describe_status_);
+  }
+}
+
+void DBusServiceDaemon::ReportStatus(base::Callback<std::string()> describe) {
+  describe_status_ = std::move(describe);
 }
 
 void DBusServiceDaemon::OnBusDisconnected() {

@@ -7,11 +7,13 @@
 #include <memory>
 #include <string>
 
+#include "base/callback.h"
 #include "base/weak_ptr.h"
 #include "dbus/bus.h"
 #include "kestrix/daemon.h"
 #include "kestrix/dbus_utils/async_event_sequencer.h"
 #include "kestrix/dbus_utils/exported_object_manager.h"
+#include "kestrix/service_status.h"
 
 namespace kestrix {
 
@@ -32,6 +34,11 @@ class DBusServiceDaemon : public Daemon {
   virtual void RegisterDBusObjectsAsync(
       dbus_utils::AsyncEventSequencer* sequencer);
 
+  // Has the service manager told in words how the daemon is, from when the name
+  // is owned; see ServiceStatus for `describe`. Nothing happens if there is no
+  // service manager that wants to know.
+  void ReportStatus(base::Callback<std::string()> describe);
+
   dbus::Bus* bus() { return bus_.get(); }
   // The object manager of the objects that this daemon exports.
   dbus_utils::ExportedObjectManager* exported_object_manager() {
@@ -47,6 +54,8 @@ class DBusServiceDaemon : public Daemon {
   const std::string object_manager_path_;
   std::unique_ptr<dbus::Bus> bus_;
   std::unique_ptr<dbus_utils::ExportedObjectManager> exported_object_manager_;
+  base::Callback<std::string()> describe_status_;
+  std::unique_ptr<ServiceStatus> status_;
   // Last: destroyed first, so late completions find nothing.
   base::WeakPtrFactory<DBusServiceDaemon> weak_ptr_factory_{this};
 };

@@ -23,6 +23,7 @@
 #include "dbus/object_proxy.h"
 #include "tests/support/bus_caller.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/notify_socket.h"
 #include "tests/support/private_bus.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/test_loop.h"
@@ -46,6 +47,7 @@ class TestDaemon : public DBusServiceDaemon {
   using DBusServiceDaemon::event_loop;
   using DBusServiceDaemon::exported_object_manager;
   using DBusServiceDaemon::QuitWithExitCode;
+  using DBusServiceDaemon::ReportStatus;
 
   // What RegisterDBusObjectsAsync() does.
   std::function<void(AsyncEventSequencer*)> when_registering =
@@ -261,32 +263,47 @@ TEST_F(DBusServiceDaemonTest, EndsWhenTheBusGoesAwayWhileItServes) {
 
 // The supervisor starts what depends on the daemon when it is told.
 TEST_F(DBusServiceDaemonTest, TellsTheSupervisorWhenItOwnsItsName) {
-  test::TempDirectory folder;
-  const std::string path = folder.Path("notify");
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  ASSERT_EQ(0,
-            bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
-  setenv("NOTIFY_SOCKET", path.c_str(), 1);
-
+  test::NotifySocket supervisor;
   Observer observer(daemon_.event_loop());
   daemon_.Start();
-  char note[64] = {};
-  EXPECT_EQ(-1, recv(fd, note, sizeof(note), 0));
+  EXPECT_THAT(supervisor.TakeNotes(), IsEmpty());
+  std::vector<std::string> notes;
   bool had_owner = false;
   const auto noted = daemon_.event_loop()->WatchFd(
-      fd, base::EventLoop::kReadable, [&](uint32_t) {
+      supervisor.fd(), base::EventLoop::kReadable, [&](uint32_t) {
         had_owner = observer.HasOwner();
-        recv(fd, note, sizeof(note) - 1, 0);
+        notes = supervisor.TakeNotes();
       });
-  EXPECT_TRUE(test::RunUntil("the note", [&] { return note[0] != 0; }));
-  EXPECT_STREQ("READY=1", note);
+  EXPECT_TRUE(test::RunUntil("the note", [&] { return !notes.empty(); }));
+  EXPECT_THAT(notes, ElementsAre("READY=1"));
   EXPECT_TRUE(had_owner);
+}
 
-  unsetenv("NOTIFY_SOCKET");
-  close(fd);
+TEST_F(DBusServiceDaemonTest, ReportsItsStatusOnceItOwnsItsName) {
+  test::NotifySocket supervisor;
+  daemon_.ReportStatus([] { return std::string("Well"); });
+  daemon_.Start();
+  std::vector<std::string> notes;
+  EXPECT_TRUE(test::RunUntil("the notes", [&] {
+    for (std::string& note : supervisor.TakeNotes()) {
+      notes.push_back(std::move(note));
+    }
+    return notes.size() == 2;
+  }));
+  EXPECT_THAT(notes, ElementsAre("READY=1", "STATUS=Well"));
+}
+
+TEST_F(DBusServiceDaemonTest, DescribesNoStatusIfNobodyWantsToKnow) {
+  Observer observer(daemon_.event_loop());
+  bool described = false;
+  daemon_.ReportStatus([&] {
+    described = true;
+    return std::string();
+  });
+  daemon_.Start();
+  observer.WaitForOwner();
+  test::RunPending();
+  EXPECT_FALSE(described);
 }
 
 // A death test does not leave its process's loop to the other one.

@@ -7,17 +7,25 @@
 
 #include "base/strings.h"
 #include "kestrix/dbus_utils/dbus_errors.h"
+#include "kestrix/service_status.h"
 
 namespace kestrix::dbus_utils {
 
+size_t DBusMethodResponseBase::pending_ = 0;
+
 DBusMethodResponseBase::DBusMethodResponseBase(dbus::Message method_call,
                                                ResponseSender sender)
-    : method_call_(std::move(method_call)), sender_(std::move(sender)) {}
+    : method_call_(std::move(method_call)), sender_(std::move(sender)) {
+  ++pending_;
+  ServiceStatus::Changed();
+}
 
 DBusMethodResponseBase::~DBusMethodResponseBase() {
   if (sender_) {
     SendError(kErrorNoReply, "The service ended before it had an answer");
   }
+  --pending_;
+  ServiceStatus::Changed();
 }
 
 void DBusMethodResponseBase::ReplyWithError(const Error* error) {

@@ -32,6 +32,9 @@ class DBusMethodResponseBase {
   DBusMethodResponseBase(const DBusMethodResponseBase&) = delete;
   DBusMethodResponseBase& operator=(const DBusMethodResponseBase&) = delete;
 
+  // How many replies are pending in this process.
+  static size_t pending() { return pending_; }
+
   // Answers with an error. One in the D-Bus domain travels under its code as
   // the D-Bus error name, with its message. Any other becomes
   // org.freedesktop.DBus.Error.Failed with the text "domain/code: message". A
@@ -50,6 +53,8 @@ class DBusMethodResponseBase {
 
  private:
   void SendError(const std::string& name, std::string text);
+
+  static size_t pending_;
 
   dbus::Message method_call_;
   ResponseSender sender_;

@@ -3,6 +3,9 @@
 
 #include "platform/actions/cloud-actions/cloud_action_daemon.h"
 
+#include "base/callback.h"
+#include "kestrix/dbus_utils/dbus_method_response.h"
+
 namespace halvex::actions {
 namespace {
 
@@ -12,7 +15,10 @@ constexpr char kObjectManagerPath[] = "/org/vantrel/actions/CloudActions";
 }  // namespace
 
 CloudActionDaemon::CloudActionDaemon()
-    : DBusServiceDaemon(kServiceName, kObjectManagerPath) {}
+    : DBusServiceDaemon(kServiceName, kObjectManagerPath) {
+  ReportStatus(
+      base::Bind(&CloudActionDaemon::DescribeStatus, base::Unretained(this)));
+}
 
 CloudActionDaemon::~CloudActionDaemon() = default;
 
@@ -27,6 +33,14 @@ void CloudActionDaemon::RegisterDBusObjectsAsync(
   dbus_adaptor_->RegisterAsync(sequencer->GetHandler(
       "CloudActionManagerDBusAdaptor::RegisterAsync() failed",
       /*failure_is_fatal=*/true));
+}
+
+std::string CloudActionDaemon::DescribeStatus() const {
+  return (cloud_action_manager_->HoldsCredential() ? "Credential held"
+                                                   : "No credential") +
+         ("; requests in flight: " +
+          std::to_string(
+              kestrix::dbus_utils::DBusMethodResponseBase::pending()));
 }
 
 void CloudActionDaemon::OnShutdown(int* return_code) {

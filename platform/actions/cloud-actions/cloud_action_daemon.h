@@ -5,6 +5,7 @@
 #define PLATFORM_ACTIONS_CLOUD_ACTIONS_CLOUD_ACTION_DAEMON_H_
 
 #include <memory>
+#include <string>
 
 #include "dosset/dbus-proxies.h"
 #include "kestrix/dbus_service_daemon.h"
@@ -25,6 +26,9 @@ class CloudActionDaemon : public kestrix::DBusServiceDaemon {
       kestrix::dbus_utils::AsyncEventSequencer* sequencer) override;
 
  private:
+  // In words, for the service manager. Requires: the objects are there.
+  std::string DescribeStatus() const;
+
   // Each refers to the one before it, and goes before it.
   std::unique_ptr<org::vantrel::Dosset::ObjectManagerProxy> object_manager_;
   std::unique_ptr<CloudActionManager> cloud_action_manager_;

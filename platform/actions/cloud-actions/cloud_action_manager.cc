@@ -12,6 +12,7 @@
 #include "base/strings.h"
 #include "kestrix/http/http_constants.h"
 #include "kestrix/key_value_store.h"
+#include "kestrix/service_status.h"
 #include "kestrix/variant_dictionary.h"
 #include "platform/actions/cloud-actions/source_locations.h"
 
@@ -84,6 +85,10 @@ CloudActionManager::CloudActionManager(ObjectManagerProxy* object_manager)
 }
 
 CloudActionManager::~CloudActionManager() = default;
+
+bool CloudActionManager::HoldsCredential() const {
+  return oauth2_manager_->HasRefreshToken();
+}
 
 bool CloudActionManager::LoadConfig() {
   kestrix::KeyValueStore store;
@@ -269,6 +274,7 @@ void CloudActionManager::HandleRemoveCredential(CommandProxy* command) {
   base::DeleteFile(base::FilePath(kAllowedEndpointsFile),
                    /*recursive=*/false);
   provisioned_ = false;
+  kestrix::ServiceStatus::Changed();
   PublishCredentialState();
   Complete(command);
 }

@@ -63,6 +63,10 @@ class CloudActionManager {
   CloudActionManager(const CloudActionManager&) = delete;
   CloudActionManager& operator=(const CloudActionManager&) = delete;
 
+  // Whether there is a refresh token now. Not what the agent is told: see
+  // `provisioned_`.
+  bool HoldsCredential() const;
+
   // Forwards a request with the owner's access token. Returns at once.
   // `callback` runs exactly once: before this returns if the request is
   // refused, later otherwise. It is dropped unrun if the manager is destroyed

@@ -9,6 +9,7 @@
 #include "base/strings.h"
 #include "kestrix/http/http_constants.h"
 #include "kestrix/http/http_utils.h"
+#include "kestrix/service_status.h"
 
 namespace halvex::ap {
 namespace {
@@ -74,6 +75,7 @@ void OAuth2Manager::SendRefreshTokenRequest(
   LOG(INFO) << "Fetching refresh token";
   base::EraseString(&refresh_token_);
   base::EraseString(&access_token_);
+  kestrix::ServiceStatus::Changed();
   const auto self = weak_ptr_factory_.GetWeakPtr();
   kestrix::http::PostFormData(
       kTokenEndpointUrl,
@@ -112,6 +114,7 @@ void OAuth2Manager::OnRefreshTokenFetched(
     int /*request_id*/, std::unique_ptr<kestrix::http::Response> response) {
   LOG(INFO) << "Successfully fetched refresh token: "
             << response->GetStatusCode();
+  kestrix::ServiceStatus::Changed();
   const std::unique_ptr<base::DictionaryValue> json =
       ParseOAuth2Response(response.get());
   if (!json || !json->GetString("access_token", &access_token_) ||
@@ -151,6 +154,7 @@ void OAuth2Manager::OnAccessTokenFetched(
   // server error as well as a rejected grant.
   base::EraseString(&access_token_);
   base::EraseString(&refresh_token_);
+  kestrix::ServiceStatus::Changed();
   if (!base::DeleteFile(refresh_token_file_, /*recursive=*/false)) {
     LOG(ERROR) << "Unable to delete saved refresh token";
   }
