@@ -29,8 +29,10 @@ class Callback<R(Args...)> {
   template <typename F>
   requires(!std::is_same_v<std::remove_cvref_t<F>, Callback> &&
            std::is_invocable_r_v<R, std::remove_cvref_t<F>&, Args...>)
-      Callback(
-          F&& function)  // NOLINT(google-explicit-constructor): as functions
+      // The requirement keeps it from hiding a copy, and like a function it is
+      // passed as it is.
+      // NOLINTNEXTLINE(bugprone-forwarding-*, google-explicit-constructor)
+      Callback(F&& function)
       : state_(std::make_shared<State<std::remove_cvref_t<F>>>(
             std::forward<F>(function))) {}
 

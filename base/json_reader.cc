@@ -119,10 +119,10 @@ class CompactTextBuilder {
   using error_code = boost::json::error_code;
   using string_view = boost::json::string_view;
 
-  static constexpr size_t max_object_size = size_t(-1);
-  static constexpr size_t max_array_size = size_t(-1);
-  static constexpr size_t max_key_size = size_t(-1);
-  static constexpr size_t max_string_size = size_t(-1);
+  static constexpr size_t max_object_size = SIZE_MAX;
+  static constexpr size_t max_array_size = SIZE_MAX;
+  static constexpr size_t max_key_size = SIZE_MAX;
+  static constexpr size_t max_string_size = SIZE_MAX;
 
   void Reserve(size_t size) { output_.reserve(size); }
 

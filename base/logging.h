@@ -104,10 +104,12 @@ struct Voidify {
 
 // Ends the process with a FATAL line unless `condition` holds. The line carries
 // the condition's text and what is streamed in.
+// NOLINTBEGIN(bugprone-macro-parentheses): the stream goes on behind it.
 #define CHECK(condition)                                            \
   (condition) ? (void)0                                             \
               : ::base::internal::Voidify() &                       \
                     ::base::LogMessage(::base::LogSeverity::kFATAL) \
                         << "Check failed: " #condition ". "
+// NOLINTEND(bugprone-macro-parentheses)
 
 #endif  // BASE_LOGGING_H_

@@ -139,7 +139,7 @@ void Bus::SetDisconnectedCallback(base::Callback<void()> callback) {
 
 void Bus::RequestOwnership(
     const std::string& name,
-    base::Callback<void(bool, const std::string&)> callback) {
+    const base::Callback<void(bool, const std::string&)>& callback) {
   auto stored = std::make_unique<StoredCallback>([callback](Message reply) {
     // Reply codes: D-Bus, "org.freedesktop.DBus.RequestName".
     constexpr uint32_t kPrimaryOwner = 1;

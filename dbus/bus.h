@@ -82,7 +82,8 @@ class Bus {
   // we own the name. It does not run after the bus is destroyed.
   void RequestOwnership(
       const std::string& name,
-      base::Callback<void(bool owned, const std::string& reason)> callback);
+      const base::Callback<void(bool owned, const std::string& reason)>&
+          callback);
 
   // Runs `callback` for each signal that matches `rule` (D-Bus,
   // "Match Rules") until the slot is destroyed. Signals can be addressed to us
