@@ -106,10 +106,13 @@ class Daemon:
 
     `client` is a connection on which the daemon's name is seen to come;
     `collect(kind, text)` gets all that it says, for the sweep for secrets.
+    `call_filter` is the start of a command line under which it runs, as given
+    by call_filter.launcher().
     """
 
-    def __init__(self, program, client, syslog, collect):
+    def __init__(self, program, client, syslog, collect, call_filter=()):
         self._program = program
+        self._call_filter = call_filter
         self._client = client
         self._syslog = syslog
         self._collect = collect
@@ -141,7 +144,8 @@ class Daemon:
         self._signalled = self._ended = None
         self._stdout = os.memfd_create("stdout")
         self._process = subprocess.Popen(
-            [*wrapper, self._program, *arguments], stdin=subprocess.DEVNULL,
+            [*wrapper, *self._call_filter, self._program, *arguments],
+            stdin=subprocess.DEVNULL,
             stdout=self._stdout, stderr=writer,
             env={**os.environ, **dict(environment)})
         os.close(writer)
@@ -158,6 +162,8 @@ class Daemon:
         self._client.wait(lambda: self._client.owner(NAME) or self._exited(),
                           "the daemon to own its name")
         assert not self._exited(), "the daemon ended: %s" % self._words()
+        if self._call_filter:
+            assert self.status()["Seccomp"] == "2", "there is no filter"
 
     def _watch(self):
         select.select([self._pidfd], [], [])
@@ -348,6 +354,15 @@ class Daemon:
             if time.monotonic() > end:
                 raise TimeoutError("waited %s s for the daemon to sleep" %
                                    deadline_s)
+
+    def wait_until_at_rest(self, deadline_s=10):
+        """Waits until it sleeps and no timer will wake it up."""
+        end = time.monotonic() + deadline_s
+        while not self._sleeps_in_epoll() or any(map(any, self.timers())):
+            if time.monotonic() > end:
+                raise TimeoutError("waited %s s for the daemon to be at rest" %
+                                   deadline_s)
+            self.wait_until_asleep(deadline_s)
 
     def timers(self):
         """What is left on each of its timers: (seconds, nanoseconds)."""

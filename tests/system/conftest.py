@@ -14,7 +14,9 @@ for folder in ("support", "fakes"):
     sys.path.insert(0, os.path.join(TESTS, folder))
 
 # pylint: disable=wrong-import-position
+import call_filter
 import daemon_process
+import memory_scan
 import pki
 from agent_process import AgentProcess
 from bus import PrivateBus
@@ -155,11 +157,21 @@ def config(files):
     return values
 
 
+@pytest.fixture(scope="session")
+def filtered(program, tmp_path_factory):
+    """Has the daemon run under the unit's filter, unless a sanitizer, which
+    makes calls of its own, is in it."""
+    if memory_scan.sanitized(program):
+        return ()
+    return call_filter.launcher(str(tmp_path_factory.mktemp("filter")))
+
+
 @pytest.fixture
-def daemon(program, client, config, output):
+def daemon(program, filtered, client, config, output):
     """The daemon, not yet started; must end well when the test is over."""
     syslog = daemon_process.Syslog()
-    one = daemon_process.Daemon(program, client, syslog, output.collect)
+    one = daemon_process.Daemon(program, client, syslog, output.collect,
+                                filtered)
     try:
         yield one
         one.tear_down()
