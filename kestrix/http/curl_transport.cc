@@ -32,9 +32,16 @@ constexpr base::Location kTransfer{"StartAsyncTransfer",
 constexpr size_t kMaxBodySize = 16u << 20;
 constexpr size_t kMaxHeaderSize = 64u << 10;
 
-// So many at a time are a burst, whose memory is given back afterwards. After
-// fewer the connections are kept for the next requests.
+// So many at a time are a burst, whose connections and memory are given back
+// when it has been quiet for a while. After fewer the connections are kept for
+// the next requests.
 constexpr size_t kManyTransfers = 32;
+constexpr base::TimeDelta kQuietTime = std::chrono::seconds(1);
+
+// As long as requests keep coming, connections are kept for so many at a time.
+// The library would by itself keep four for each that is under way at the
+// moment, and close nearly all at the end of every volley.
+constexpr long kMaxKeptConnections = 256;
 
 constexpr base::TimeDelta kRetryDelay = std::chrono::milliseconds(100);
 
@@ -85,6 +92,13 @@ CURLcode SetUpTls(CURL*, void* context, void*) {
   // What has been received would else stay in memory until something else is.
   SSL_CTX_set_options(static_cast<SSL_CTX*>(context), SSL_OP_CLEANSE_PLAINTEXT);
   return CURLE_OK;
+}
+
+// Whether the library trusts the certificates in one file by default. It then
+// reads them once, not for each connection, if it need not look into a folder
+// too.
+bool HasDefaultCaFile() {
+  return curl_version_info(CURLVERSION_NOW)->cainfo != nullptr;
 }
 
 }  // namespace
@@ -266,6 +280,8 @@ class CurlTransport::Transfer {
                static_cast<long>(CURL_SSLVERSION_TLSv1_2)) &&
            Set(CURLOPT_SSL_CTX_FUNCTION, SetUpTls) &&
            Set(CURLOPT_SSL_VERIFYPEER, 1L) && Set(CURLOPT_SSL_VERIFYHOST, 2L) &&
+           (!HasDefaultCaFile() ||
+            Set(CURLOPT_CAPATH, static_cast<char*>(nullptr))) &&
            // What is sent.
            Set(CURLOPT_FORBID_REUSE, request_.keeps_connection ? 0L : 1L) &&
            Set(CURLOPT_HTTP_VERSION, http_version) &&
@@ -355,7 +371,9 @@ CurlTransport::CurlTransport(base::EventLoop* loop)
       library_(std::make_unique<Library>()),
       max_connections_(ClaimDescriptors()),
       timer_(loop,
-             base::Bind(&CurlTransport::OnTimeout, base::Unretained(this))) {
+             base::Bind(&CurlTransport::OnTimeout, base::Unretained(this))),
+      quiet_timer_(
+          loop, base::Bind(&CurlTransport::EndBurst, base::Unretained(this))) {
   SetUpMultiHandle();
 }
 
@@ -375,6 +393,7 @@ void CurlTransport::SetUpMultiHandle() {
   // Requests beyond that wait for a connection within their own time.
   curl_multi_setopt(multi_->get, CURLMOPT_MAX_TOTAL_CONNECTIONS,
                     max_connections_);
+  curl_multi_setopt(multi_->get, CURLMOPT_MAXCONNECTS, kMaxKeptConnections);
   // No two transfers share a connection. If a host speaks HTTP/2 on one and
   // HTTP/1.1 on another, the library (seen in 7.88.1) would send requests over
   // the latter too while it is in use, and swap their responses.
@@ -412,7 +431,7 @@ void CurlTransport::ReportRefused(RequestId id) {
   const std::shared_ptr<CurlTransport> keep_alive = shared_from_this();
   // It may have ended meanwhile.
   if (auto node = transfers_.extract(id)) node.mapped()->ReportRefused();
-  if (transfers_.empty()) EndBurst();
+  if (transfers_.empty()) OnAllDone();
 }
 
 int CurlTransport::OnSocketInterest(void* easy, int fd, int what, void* self,
@@ -444,10 +463,16 @@ int CurlTransport::OnSocketInterest(void* easy, int fd, int what, void* self,
 
 int CurlTransport::OnTimerInterest(void*, long timeout_ms, void* self) {
   auto* transport = static_cast<CurlTransport*>(self);
-  if (timeout_ms < 0) {
-    transport->timer_.Stop();
-  } else {
+  if (timeout_ms > 0) {
     transport->timer_.Start(std::chrono::milliseconds(timeout_ms));
+    return 0;
+  }
+  transport->timer_.Stop();
+  // At once, but not from here. A timer could come a millisecond late, which is
+  // more than all the rest of a request takes.
+  if (timeout_ms == 0) {
+    transport->loop_->PostTask(base::Bind(
+        &CurlTransport::OnTimeout, transport->weak_ptr_factory_.GetWeakPtr()));
   }
   return 0;
 }
@@ -485,11 +510,19 @@ void CurlTransport::Advance(int fd, int event_mask) {
   }
   for (auto& [transfer, result] : done) transfer->ReportDone(result);
   done.clear();
-  if (transfers_.empty()) EndBurst();
+  if (transfers_.empty()) OnAllDone();
+}
+
+void CurlTransport::OnAllDone() {
+  if (most_transfers_ < kManyTransfers || is_burst_ending_) return;
+  is_burst_ending_ = true;
+  quiet_timer_.Start(kQuietTime);
 }
 
 void CurlTransport::EndBurst() {
-  if (std::exchange(most_transfers_, 0) < kManyTransfers) return;
+  is_burst_ending_ = false;
+  if (!transfers_.empty()) return;
+  most_transfers_ = 0;
   // The library would keep most of the connections, and the allocator what they
   // and the requests took.
   SetUpMultiHandle();

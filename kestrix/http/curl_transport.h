@@ -43,7 +43,9 @@ class CurlTransport final : public Transport,
 
   // Closes all connections, and starts afresh. Requires: no transfers.
   void SetUpMultiHandle();
-  // The last transfer is done.
+  // No transfer is left.
+  void OnAllDone();
+  // Gives back what a burst took, unless there are transfers again.
   void EndBurst();
 
   void OnSocketReady(int fd, uint32_t events);
@@ -60,10 +62,12 @@ class CurlTransport final : public Transport,
   const long max_connections_;
   std::unique_ptr<MultiHandle> multi_;
   base::Timer timer_;
+  base::Timer quiet_timer_;
   std::map<int, std::unique_ptr<base::EventSource>> sockets_;
   std::map<RequestId, std::unique_ptr<Transfer>> transfers_;
-  // Since there was none.
+  // At a time, since the connections were closed last.
   size_t most_transfers_ = 0;
+  bool is_burst_ending_ = false;
   base::TimeDelta default_timeout_{};
   RequestId last_id_ = 0;
   // Last: destroyed first, so late events find nothing.

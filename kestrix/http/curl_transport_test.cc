@@ -608,16 +608,45 @@ TEST_F(CurlTransportTest, KeepsConnectionsAfterAFewRequestsAtOnce) {
   EXPECT_EQ(31, server_.connections());
 }
 
-TEST_F(CurlTransportTest, ClosesItsConnectionsAfterManyRequestsAtOnce) {
+TEST_F(CurlTransportTest, KeepsConnectionsBetweenVolleysOfRequests) {
+  server_.SetAnswer(kOk, /*close_after=*/false);
+  for (int volley = 0; volley < 3; ++volley) {
+    std::vector<std::shared_ptr<Outcome>> outcomes;
+    for (int i = 0; i < 200; ++i) outcomes.push_back(StartGet());
+    for (const auto& outcome : outcomes) WaitFor(*outcome);
+  }
+  EXPECT_EQ(200, server_.connections());
+}
+
+TEST_F(CurlTransportTest, ClosesItsConnectionsWhenItIsQuietAfterABurst) {
   server_.SetAnswer(kOk, /*close_after=*/false);
   std::vector<std::shared_ptr<Outcome>> outcomes;
   for (int i = 0; i < 32; ++i) outcomes.push_back(StartGet());
   for (const auto& outcome : outcomes) WaitFor(*outcome);
-  EXPECT_EQ(32, server_.connections());
-  // The next request begins anew, and the one after it does not.
+  EXPECT_EQ(32u, server_.open_connections());
+  EXPECT_TRUE(test::RunUntil("the end of the connections", [this] {
+    return server_.open_connections() == 0;
+  }));
+  // The burst is over: what comes then is kept again.
   EXPECT_EQ("ok", Get().text);
   EXPECT_EQ("ok", Get().text);
   EXPECT_EQ(33, server_.connections());
+}
+
+TEST_F(CurlTransportTest, KeepsWhatIsUnderWayWhenABurstEnds) {
+  server_.SetAnswer(kOk, /*close_after=*/false);
+  std::vector<std::shared_ptr<Outcome>> outcomes;
+  for (int i = 0; i < 32; ++i) outcomes.push_back(StartGet());
+  for (const auto& outcome : outcomes) WaitFor(*outcome);
+  test::RawServer slow(&loop_);
+  const std::shared_ptr<Outcome> pending =
+      Start({request_type::kGet, slow.url() + "/", {}, ""});
+  bool is_over = false;
+  base::Timer later(&loop_, [&] { is_over = true; });
+  later.Start(std::chrono::milliseconds(1500));
+  ASSERT_TRUE(test::RunUntil("the end of the burst", [&] { return is_over; }));
+  EXPECT_EQ(0, pending->runs);
+  EXPECT_EQ(32u, server_.open_connections());
 }
 
 // The server may have acted on it.

@@ -39,6 +39,7 @@ class RawServer {
   // All that has come, on whatever connection.
   const std::string& received() const { return received_; }
   int connections() const { return connections_; }
+  size_t open_connections() const { return open_.size(); }
 
  private:
   struct Connection {

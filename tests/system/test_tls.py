@@ -10,7 +10,7 @@ import struct
 import pki
 import pytest
 from bus_client import CallError
-from cloud import AUTHORITY
+from cloud import AUTHORITY, Reply
 from conftest import ENDPOINT
 from daemon_process import REFRESH_TOKEN
 from relay import Relay
@@ -268,3 +268,24 @@ def test_the_token_endpoint_with_a_wrong_certificate_gets_no_secret(
     daemon.wait_for_log_like("WARNING", "Error fetching access token: .+")
     assert server.requests == []
     assert files.read(REFRESH_TOKEN) == token.encode()
+
+
+# Reading a device's hundred and more certificates takes longer than all the
+# rest of a request.
+def test_the_trusted_certificates_are_read_once(
+        provision, serve, caller, identity):
+    provision()
+    server = serve(HOST, "127.0.0.2")
+    server.replies.extend(Reply(then="close") for _ in range(2))
+    path = "/etc/ssl/certs/ca-certificates.crt"
+    with open(path, encoding="ascii") as file:
+        trusted = file.read()
+    try:
+        with open(path, "w", encoding="ascii"):
+            pass
+        for _ in range(3):
+            assert caller.request(ENDPOINT) == (200, "{}")
+    finally:
+        with open(path, "w", encoding="ascii") as file:
+            file.write(trusted)
+    assert server.connections == 3
