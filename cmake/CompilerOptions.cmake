@@ -14,6 +14,14 @@ endif()
 
 include_directories("${PROJECT_SOURCE_DIR}")
 
+# On 32-bit processors the C library has file numbers, offsets and times of 32
+# bits for old programs. Reading a folder or a file's status would fail on a file
+# system that numbers its files with more, and the time ends in 2038. None of
+# the libraries that we call takes such a type from us.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
 # Errors are values here: nothing throws and nothing asks for a type at run
 # time, which keeps the code small.
 add_compile_options(-fno-exceptions -fno-rtti -Wall -Wextra -Wpedantic
