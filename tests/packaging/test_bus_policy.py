@@ -8,6 +8,7 @@ where the daemon would, so that what reaches it can be seen.
 """
 
 import os
+import re
 import shutil
 
 import pytest
@@ -206,17 +207,49 @@ def test_a_caller_may_not_call_the_agent_for_it(
         False, DENIED)
 
 
-def test_the_agents_signals_reach_the_daemon(service, agent):
-    assert service.call_bus("AddMatch", "s", (
-        "type='signal',interface='%s'" % OBJECT_MANAGER,)).kind == RETURN
+def announce(agent, *listeners):
+    """Has the agent announce an object; the members each listener gets."""
+    for listener in listeners:
+        assert listener.call_bus("AddMatch", "s", (
+            "type='signal',interface='%s'" % OBJECT_MANAGER,)).kind == RETURN
     agent.send(SIGNAL, path="/org/vantrel/Dosset", interface=OBJECT_MANAGER,
                member="InterfacesAdded")
     agent.sync()
-    service.sync()
-    came = [message.member for message in service.inbox
-            if message.sender == agent.unique_name]
-    service.inbox.clear()
-    assert came == ["InterfacesAdded"]
+    came = []
+    for listener in listeners:
+        listener.sync()
+        came.append([message.member for message in listener.inbox
+                     if message.sender == agent.unique_name])
+        listener.inbox.clear()
+    return came
+
+
+def test_the_agents_signals_reach_the_daemon(service, agent):
+    assert announce(agent, service) == [["InterfacesAdded"]]
+
+
+@pytest.fixture
+def advice(policies):
+    """The agent's policy says besides what our guide advises."""
+    with open(os.path.join(PROJECT, "docs/integrating.md"),
+              encoding="utf-8") as file:
+        (rules,) = re.findall(r"```xml\n(.*?)```", file.read(), re.DOTALL)
+    path = os.path.join(FOLDER, "advice.conf")
+    with open(path, "w", encoding="utf-8") as file:
+        file.write("<busconfig>%s</busconfig>" % rules)
+    yield
+    os.unlink(path)
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_the_agents_signals_can_be_kept_from_everybody_else(kind, advice):
+    with SystemBus(kind):
+        agent, service, plain = (Peer(SOCKET, user) for user in (
+            "agent", "cloud-action", "plain"))
+        assert agent.request_name(AGENT) == 1
+        assert announce(agent, service, plain) == [["InterfacesAdded"], []]
+        for peer in (agent, service, plain):
+            peer.close()
 
 
 @pytest.mark.parametrize("flags", (0, DO_NOT_QUEUE, REPLACE_EXISTING),
