@@ -6,6 +6,7 @@
 // The parser alone, with the few definitions that it needs: the library's own
 // way of header-only use brings in code that does not build without exceptions.
 #include <algorithm>
+#include <array>
 #include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/detail/impl/default_resource.ipp>
 #include <boost/json/detail/impl/stack.ipp>
@@ -78,6 +79,16 @@ void AppendCodePointEscape(uint32_t code_point, std::string* output) {
   AppendUnicodeEscape(0xdc00 + (offset & 0x3ff), output);
 }
 
+// Bytes that may begin what needs an escape: no noncharacter begins with a
+// lower byte than 0xef. A table keeps the loop over all other bytes short.
+constexpr auto kMayNeedEscape = [] {
+  std::array<bool, 256> table{};
+  for (size_t byte = 0; byte < table.size(); ++byte) {
+    table[byte] = byte < 0x20 || byte == '"' || byte == '\\' || byte >= 0xef;
+  }
+  return table;
+}();
+
 void AppendQuoted(std::string_view string, std::string* output) {
   *output += '"';
   // Whatever needs no escape is copied in one piece.
@@ -87,6 +98,7 @@ void AppendQuoted(std::string_view string, std::string* output) {
   };
   for (size_t i = 0; i < string.size(); ++i) {
     const auto byte = static_cast<unsigned char>(string[i]);
+    if (!kMayNeedEscape[byte]) continue;
     uint32_t code_point = 0;
     if (byte == '"' || byte == '\\') {
       copy_until(i);
@@ -97,8 +109,7 @@ void AppendQuoted(std::string_view string, std::string* output) {
       copy_until(i);
       AppendControlCharacter(string[i], output);
       copied = i + 1;
-    } else if (byte >= 0xef) {
-      // No noncharacter begins with a lower byte.
+    } else {
       const size_t length = DecodeUtf8(string.substr(i), &code_point);
       if (length == 0 || !IsNoncharacter(code_point)) continue;
       copy_until(i);
