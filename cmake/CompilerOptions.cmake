@@ -43,6 +43,17 @@ elseif(CMAKE_BUILD_TYPE STREQUAL "Release")
   add_compile_options(-Os -ffunction-sections -fdata-sections
                       -fno-asynchronous-unwind-tables -fno-unwind-tables
                       -fstack-protector-strong)
+  # Large stack frames touch each page, indirect jumps land on marks: as far as
+  # the processor knows of it.
+  include(CheckCXXCompilerFlag)
+  foreach(flag -fstack-clash-protection -fcf-protection
+          -mbranch-protection=standard)
+    string(MAKE_C_IDENTIFIER "HAVE${flag}" have)
+    check_cxx_compiler_flag("${flag}" ${have})
+    if(${have})
+      add_compile_options("${flag}")
+    endif()
+  endforeach()
   # A toolchain that fortifies by itself keeps its own level.
   if(NOT CMAKE_CXX_FLAGS MATCHES "_FORTIFY_SOURCE")
     add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
