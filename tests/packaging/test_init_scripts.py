@@ -7,6 +7,7 @@ the distribution's start-stop-daemon and OpenRC.
 """
 
 import os
+import select
 import pwd
 import shutil
 import signal
@@ -247,8 +248,11 @@ def test_restart_starts_what_was_stopped(service):
                          ids=("crash", "reload"))
 def test_when_it_ends_by_itself_it_can_be_started(service, number):
     pid = service.start()
-    os.kill(pid, number)
-    service.wait_until_down()
+    # Its name goes before it has ended.
+    process = os.pidfd_open(pid)
+    signal.pidfd_send_signal(process, number)
+    assert select.select([process], [], [], 20)[0]
+    os.close(process)
     if service.init == "sysvinit":
         assert service.do("status") not in (0, STOPPED)
         assert service.do("start") == 0
