@@ -13,8 +13,12 @@ SANDBOX_PACKAGES="bubblewrap curl dbus-daemon openssl python3 python3-dbus
   python3-gi python3-h2 systemd"
 # What the checks need on top.
 TEST_PACKAGES="git mandoc libgtest-dev libgmock-dev clang clang-format
-  clang-tidy dbus-broker python3-pytest python3-seccomp"
+  clang-tidy dbus-broker libbenchmark-dev python3-pytest python3-seccomp"
 [ "$(id -u)" -eq 0 ] || TEST_PACKAGES="$TEST_PACKAGES uidmap"
+
+# What is measured beside the daemon, and measures it.
+BENCH_PACKAGES="binutils ca-certificates curl libbenchmark-dev nginx-light
+  python3-aiohttp python3-dbus-next"
 
 # What the fuzzers need besides.
 FUZZ_PACKAGES="libclang-rt-14-dev"

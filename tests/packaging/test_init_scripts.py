@@ -7,8 +7,8 @@ the distribution's start-stop-daemon and OpenRC.
 """
 
 import os
-import select
 import pwd
+import select
 import shutil
 import signal
 import stat

@@ -2,6 +2,7 @@
 # SPDX-FileCopyrightText: The cloud_action_daemon authors
 """Starts and stops the daemon and listens to what it says."""
 
+import contextlib
 import dataclasses
 import errno
 import fcntl
@@ -369,7 +370,9 @@ class Daemon:
         folder = "/proc/%d/fdinfo" % self.pid
         found = []
         for name in os.listdir(folder):
-            with open(os.path.join(folder, name), encoding="ascii") as file:
+            # It may close one meanwhile.
+            with contextlib.suppress(FileNotFoundError), open(
+                    os.path.join(folder, name), encoding="ascii") as file:
                 found += re.findall(r"^it_value: \((\d+), (\d+)\)$",
                                     file.read(), re.MULTILINE)
         return [(int(seconds), int(rest)) for seconds, rest in found]
