@@ -212,12 +212,13 @@ class Chorus:
 class World:
     """The programs in the sandbox, and what is expected of them."""
 
-    def __init__(self, screen):
+    def __init__(self, screen, program):
         self.screen = screen
         self.chorus = Chorus()
         self._bus = PrivateBus()
         self._peers = []
         self._daemon = None
+        self._program = program
 
     def bring_up(self):
         """Starts everything but the daemon."""
@@ -244,10 +245,10 @@ class World:
 
     def start_daemon(self):
         """Starts the daemon and returns when it says that it is ready."""
-        self.screen.command(DAEMON + " &")
+        self.screen.command(self._program + " &")
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as notify:
             notify.bind(NOTIFY_SOCKET)
-            self._daemon = self._start("daemon", DAEMON,
+            self._daemon = self._start("daemon", self._program,
                                        NOTIFY_SOCKET=NOTIFY_SOCKET)
             # Readable once the process has ended.
             ended = os.pidfd_open(self._daemon.pid)
@@ -527,10 +528,12 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n", 1)[0])
     parser.add_argument("--stay", action="store_true",
                         help="open a shell before everything ends")
+    parser.add_argument("--daemon", metavar="PATH", default=DAEMON,
+                        help="the daemon to show (default: %(default)s)")
     options = parser.parse_args()
     os.chdir(PROJECT)
     screen = Screen()
-    world = World(screen)
+    world = World(screen, options.daemon)
     try:
         demonstrate(world, options.stay)
     except KeyboardInterrupt:
