@@ -16,6 +16,10 @@ TEST_PACKAGES="git mandoc libgtest-dev libgmock-dev clang clang-format
   clang-tidy dbus-broker libbenchmark-dev python3-pytest python3-seccomp"
 [ "$(id -u)" -eq 0 ] || TEST_PACKAGES="$TEST_PACKAGES uidmap"
 
+# What makes a Debian package, and what checks it in small Debian systems.
+PACKAGE_PACKAGES="build-essential debhelper fakeroot git lintian"
+PACKAGE_CHECK_PACKAGES="debootstrap python3 python3-pytest util-linux"
+
 # What is measured beside the daemon, and measures it.
 BENCH_PACKAGES="binutils ca-certificates curl libbenchmark-dev nginx-light
   python3-aiohttp python3-dbus-next"
