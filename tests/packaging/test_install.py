@@ -184,3 +184,39 @@ def test_the_example_configuration_has_the_keys_and_no_values(image):
     assert re.findall(r"^([^#\s].*)$", text, re.MULTILINE) == [
         "SMARTHOME_CLIENT_ID=", "SMARTHOME_CLIENT_SECRET=",
         "SMARTHOME_SCOPE="]
+
+
+# How a device's program is built: what a packager must not overlook is said.
+
+WARNING = "a reserved name: this daemon cannot get a credential anywhere"
+
+
+def configure(folder, *arguments):
+    """The exit code of CMake, and what it says, in one line."""
+    done = subprocess.run(
+        ["cmake", "-S", PROJECT, "-B", str(folder), "-G", "Ninja",
+         "-DCLOUD_ACTION_TESTS=OFF", *arguments], stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT, text=True, check=False)
+    return done.returncode, " ".join(done.stdout.split())
+
+
+@pytest.mark.parametrize("kind, warns", (
+    ("", True), ("None", True), ("Debug", False)))
+def test_a_build_for_a_device_warns_of_the_reserved_host(
+        tmp_path, kind, warns):
+    code, said = configure(tmp_path, "-DCMAKE_BUILD_TYPE=" + kind)
+    assert code == 0
+    assert (WARNING in said) == warns
+
+
+def test_a_build_with_a_host_warns_of_nothing(tmp_path):
+    code, said = configure(tmp_path, "-DCMAKE_BUILD_TYPE=Release",
+                           "-DCLOUD_ACTION_TOKEN_HOST=id.example.com")
+    assert (code, "Warning" in said) == (0, False)
+
+
+@pytest.mark.parametrize("host", ("", "https://id.example.com"))
+def test_what_is_no_host_is_refused(tmp_path, host):
+    code, said = configure(tmp_path, "-DCLOUD_ACTION_TOKEN_HOST=" + host)
+    assert code != 0
+    assert "must be a host name alone" in said
