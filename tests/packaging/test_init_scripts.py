@@ -262,6 +262,39 @@ def test_when_it_ends_by_itself_it_can_be_started(service, number):
     assert service.pid() != pid
 
 
+@pytest.fixture
+def started_by_the_bus(service, device):
+    """The daemon as the bus starts it, for a call that it gets."""
+    program = os.path.join(device, service.init, "sbin/cloud_action_daemon")
+    with subprocess.Popen([program], user="cloud-action", group="cloud-action",
+                          extra_groups=[], stdin=subprocess.DEVNULL,
+                          stderr=subprocess.DEVNULL) as process:
+        service.wait_until_up()
+        yield process
+        try:
+            # The script has ended it.
+            assert process.wait(20) == 0
+        finally:
+            process.kill()
+
+
+def test_what_the_bus_has_started_is_looked_after(service, started_by_the_bus):
+    assert service.do("start") == 0
+    service.wait_until_up()
+    assert service.do("status") == 0
+    assert service.do("stop") == 0
+    service.wait_until_down()
+
+
+def test_what_the_bus_has_started_after_a_stop_is_stopped(
+        service, started_by_the_bus):
+    if service.init == "openrc":
+        # It stops only what it knows to be started.
+        started_by_the_bus.terminate()
+    assert service.do("stop") == 0
+    service.wait_until_down()
+
+
 def test_a_pid_file_of_a_process_long_gone_does_no_harm(service):
     with subprocess.Popen(["true"]) as process:
         pass

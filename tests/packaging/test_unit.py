@@ -75,6 +75,29 @@ def test_systemd_does_find_what_is_wrong(root):
     assert code != 0 and "is not executable" in said
 
 
+# What systemd does not judge, but the daemon or its owner relies on.
+RELIED_ON = """\
+User=cloud-action
+Group=cloud-action
+Type=notify
+Restart=always
+RestartSec=1
+StartLimitIntervalSec=0
+TimeoutStopSec=90
+StandardError=null
+StateDirectory=cloud_action
+StateDirectoryMode=0700
+UMask=0077
+LimitCORE=0
+"""
+
+
+def test_what_the_daemon_relies_on_is_said(root):
+    with open(root + UNIT, encoding="utf-8") as file:
+        lines = file.read().splitlines()
+    assert [line for line in RELIED_ON.splitlines() if line not in lines] == []
+
+
 def test_little_is_exposed(root):
     assert exposure(root) <= WORST_EXPOSURE
 
