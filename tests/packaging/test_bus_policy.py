@@ -20,12 +20,16 @@ from system_bus import KINDS, SOCKET, SystemBus
 
 FOLDER = "/etc/dbus-1/system.d"
 AGENT = "org.vantrel.Dosset"
-# The agent brings a policy of its own; this one lets it own its name only.
+# The agent brings a policy of its own; this one lets it own its name only, and
+# wants no signals, which the bus would let through.
 AGENT_POLICY = """\
 <busconfig>
-  <policy user="agent"><allow own="%s"/></policy>
+  <policy context="default">
+    <deny send_destination="{0}" send_type="signal" send_broadcast="false"/>
+  </policy>
+  <policy user="agent"><allow own="{0}"/></policy>
 </busconfig>
-""" % AGENT
+""".format(AGENT)
 
 # As on a bus of someone who wants no trouble.
 OPEN_POLICY = """\
@@ -172,18 +176,27 @@ def test_others_may_call_nothing(peers, service, address, user, call):
         False, DENIED)
 
 
-@pytest.mark.parametrize("kind", (SIGNAL, RETURN, ERROR),
-                         ids=("signal", "return", "error"))
-@pytest.mark.parametrize("user", USERS)
-def test_nobody_may_send_anything_but_calls(
-        peers, service, address, user, kind):
-    # With the header of a call that is allowed.
+def reaches(sender, receiver, destination, call, kind):
+    """Whether something else with the header of a call comes through."""
     more = {"reply_serial": 1} if kind != SIGNAL else {}
     if kind == ERROR:
         more["error"] = "a.made.up.Error"
-    reached, _ = deliver(peers[user], service, address(service, NAME),
-                         INTERFACE, "RedirectRequest", kind, **more)
-    assert not reached
+    return deliver(sender, receiver, destination, *call, kind, **more)[0]
+
+
+@pytest.fixture(params=(SIGNAL, RETURN, ERROR),
+                ids=("signal", "return", "error"))
+def no_call(request):
+    """The kinds of message that are no call."""
+    return request.param
+
+
+@pytest.mark.parametrize("call", OPEN, ids=name_of)
+@pytest.mark.parametrize("user", USERS)
+def test_nobody_may_send_anything_but_calls(
+        peers, service, address, user, call, no_call):
+    assert not reaches(peers[user], service, address(service, NAME), call,
+                       no_call)
 
 
 @pytest.mark.parametrize("call", TO_AGENT, ids=name_of)
@@ -197,6 +210,12 @@ def test_the_daemon_may_call_nothing_else_of_the_agent(
         service, agent, address, call):
     assert deliver(service, agent, address(agent, AGENT), *call) == (
         False, DENIED)
+
+
+@pytest.mark.parametrize("call", TO_AGENT, ids=name_of)
+def test_the_daemon_may_send_the_agent_nothing_but_calls(
+        service, agent, address, call, no_call):
+    assert not reaches(service, agent, address(agent, AGENT), call, no_call)
 
 
 @pytest.mark.parametrize("call", TO_AGENT, ids=name_of)
@@ -297,6 +316,7 @@ def test_a_bus_that_allows_everything_else_makes_no_difference(
         assert plain.request_name("any.Name") == 1
         assert service.request_name("any.other.Name") == 1
         assert plain.request_name(NAME) == DENIED
+        assert plain.request_name(NAME + ".More") == DENIED
         assert service.request_name(NAME) == 1
         for call in OPEN:
             assert deliver(member, service, NAME, *call) == (True, None)

@@ -8,7 +8,7 @@ import threading
 import pytest
 from agent_process import COMMAND, MANAGER, MANAGER_PATH, REMOVE, SET
 from bus_client import CallError
-from cloud import Reply
+from cloud import TOKEN_PATH, Reply
 from conftest import ENDPOINT, secret
 from daemon_process import ENDPOINTS, REFRESH_TOKEN, STATE
 
@@ -242,7 +242,7 @@ def test_endpoints_that_cannot_be_stored_leave_the_command_successful(
 # Remove.
 
 def test_a_remove_command_deletes_everything(
-        daemon, agent, provision, caller):
+        daemon, agent, provision, identity, caller):
     agent.appear()
     provision()
     agent.wait_for_call("UpdateState")
@@ -252,6 +252,12 @@ def test_a_remove_command_deletes_everything(
     assert os.listdir(STATE) == []
     assert_refused(caller, ENDPOINT, "Endpoint %s not whitelisted" % ENDPOINT)
     assert daemon.log()[-1] == "INFO HandleRemoveCredential"
+    # The provider is not told: the next that it hears of is another code.
+    code = secret("code")
+    agent.wait_for_call("Complete", agent.set_credential(code, [ENDPOINT]))
+    assert [(request.target, dict(request.form()).get("code"))
+            for request in identity.requests] == [
+                (TOKEN_PATH, None), (TOKEN_PATH, code)]
 
 
 def test_a_remove_command_with_nothing_to_remove_succeeds(

@@ -93,6 +93,23 @@ def test_a_credential_that_the_provider_refuses_is_told(
     supervisor.wait_for(status(held=False))
 
 
+def test_a_credential_that_is_being_replaced_is_not_held(
+        daemon, supervisor, agent, stored, identity, provider):
+    agent.appear()
+    stored()
+    daemon.start(environment=TOLD)
+    daemon.wait_for_log("INFO", "Successfully fetched access token: 200")
+    supervisor.wait_for("READY=1", status(held=True))
+    reply = Reply.json({"access_token": provider.make("access"),
+                        "refresh_token": provider.make("refresh")},
+                       gate=threading.Event())
+    identity.replies.append(reply)
+    agent.set_credential(secret("code"), [ENDPOINT])
+    supervisor.wait_for(status(held=False))
+    reply.gate.set()
+    supervisor.wait_for(status(held=True))
+
+
 def test_requests_in_flight_are_told_until_they_are_answered(
         daemon, supervisor, stored, identity, cloud, caller):
     stored()
