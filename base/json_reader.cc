@@ -280,8 +280,8 @@ class CompactTextBuilder {
     if (members_.size() - first < 2) return;
     const auto name = [this](uint32_t index) {
       const Member& member = members_[index];
-      return std::string_view(output_).substr(member.begin,
-                                              member.name_end - member.begin);
+      const std::string_view output = output_;
+      return output.substr(member.begin, member.name_end - member.begin);
     };
     order_.clear();
     for (size_t i = first; i < members_.size(); ++i) {
