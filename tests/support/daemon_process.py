@@ -359,11 +359,19 @@ class Daemon:
     def wait_until_at_rest(self, deadline_s=10):
         """Waits until it sleeps and no timer will wake it up."""
         end = time.monotonic() + deadline_s
-        while not self._sleeps_in_epoll() or any(map(any, self.timers())):
+        while not self._rests():
             if time.monotonic() > end:
                 raise TimeoutError("waited %s s for the daemon to be at rest" %
                                    deadline_s)
             self.wait_until_asleep(deadline_s)
+
+    def _rests(self):
+        # A timer that is seen at zero may just have run out: then the daemon is
+        # awake now, or has been since.
+        sleeps = self.status()["voluntary_ctxt_switches"]
+        return (self._sleeps_in_epoll() and not any(map(any, self.timers()))
+                and self._sleeps_in_epoll()
+                and self.status()["voluntary_ctxt_switches"] == sleeps)
 
     def timers(self):
         """What is left on each of its timers: (seconds, nanoseconds)."""
