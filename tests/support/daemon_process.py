@@ -350,20 +350,19 @@ class Daemon:
 
     def wait_until_asleep(self, deadline_s=10):
         """Waits until it sleeps until something happens."""
-        end = time.monotonic() + deadline_s
-        while not self._sleeps_in_epoll():
-            if time.monotonic() > end:
-                raise TimeoutError("waited %s s for the daemon to sleep" %
-                                   deadline_s)
+        self._wait_for_state(self._sleeps_in_epoll, "sleep", deadline_s)
 
     def wait_until_at_rest(self, deadline_s=10):
         """Waits until it sleeps and no timer will wake it up."""
+        self._wait_for_state(self._rests, "be at rest", deadline_s)
+
+    @staticmethod
+    def _wait_for_state(condition, what, deadline_s):
         end = time.monotonic() + deadline_s
-        while not self._rests():
+        while not condition():
             if time.monotonic() > end:
-                raise TimeoutError("waited %s s for the daemon to be at rest" %
-                                   deadline_s)
-            self.wait_until_asleep(deadline_s)
+                raise TimeoutError("waited %s s for the daemon to %s" %
+                                   (deadline_s, what))
 
     def _rests(self):
         # A timer that is seen at zero may just have run out: then the daemon is
