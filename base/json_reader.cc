@@ -272,40 +272,59 @@ class CompactTextBuilder {
   }
   bool AddNumber(string_view part) { return AddWord(Complete(part)); }
 
+  std::string_view Name(size_t index) const {
+    const Member& member = members_[index];
+    const std::string_view output = output_;
+    return output.substr(member.begin, member.name_end - member.begin);
+  }
+
   // Marks what must go: every member that is followed by one of the same name.
-  // A hostile text may hold a million members with names of its choosing:
-  // sorting is quick whatever they are, where a hash table is not. The hash
-  // only spares most comparisons of names.
   void FindDuplicates(size_t first) {
-    if (members_.size() - first < 2) return;
-    const auto name = [this](uint32_t index) {
-      const Member& member = members_[index];
-      const std::string_view output = output_;
-      return output.substr(member.begin, member.name_end - member.begin);
-    };
+    // Few names, as nearly all objects have, are compared with each other.
+    constexpr size_t kFew = 8;
+    if (members_.size() - first > kFew) return SortDuplicates(first);
+    for (size_t i = first; i < members_.size(); ++i) {
+      const std::string_view name = Name(i);
+      for (size_t later = i + 1; later < members_.size(); ++later) {
+        if (Name(later) != name) continue;
+        AddGap(i);
+        break;
+      }
+    }
+  }
+
+  // The same for any number. A hostile text may hold a million members with
+  // names of its choosing: sorting is quick whatever they are, where a hash
+  // table is not. The hash only spares most comparisons of names.
+  void SortDuplicates(size_t first) {
     order_.clear();
     for (size_t i = first; i < members_.size(); ++i) {
       const auto index = static_cast<uint32_t>(i);
-      order_.push_back({std::hash<std::string_view>()(name(index)), index});
+      order_.push_back({std::hash<std::string_view>()(Name(i)), index});
     }
     std::sort(order_.begin(), order_.end(), [&](const Rank& a, const Rank& b) {
       if (a.hash != b.hash) return a.hash < b.hash;
-      const int difference = name(a.index).compare(name(b.index));
+      const int difference = Name(a.index).compare(Name(b.index));
       return difference != 0 ? difference < 0 : a.index < b.index;
     });
     for (size_t i = 1; i < order_.size(); ++i) {
       const uint32_t earlier = order_[i - 1].index;
       if (order_[i - 1].hash != order_[i].hash ||
-          name(earlier) != name(order_[i].index)) {
+          Name(earlier) != Name(order_[i].index)) {
         continue;
       }
-      // A later one follows, so there is a next member and a comma before it.
-      const Gap gap{members_[earlier].begin, members_[earlier + 1].begin};
-      if (!gaps_.empty() && gaps_.back().end == gap.begin) {
-        gaps_.back().end = gap.end;
-      } else {
-        gaps_.push_back(gap);
-      }
+      AddGap(earlier);
+    }
+  }
+
+  // That member goes, of which there is a later one: so there is a next member,
+  // and a comma before it.
+  void AddGap(size_t index) {
+    const Gap gap{members_[index].begin, members_[index + 1].begin};
+    if (!gaps_.empty() && gaps_.back().end == gap.begin) {
+      gaps_.back().end = gap.end;
+    } else {
+      gaps_.push_back(gap);
     }
   }
 

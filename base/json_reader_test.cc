@@ -302,6 +302,27 @@ TEST(JSONReaderTest, TakesOnlyTheLastOfDuplicateMembersAtEveryDepth) {
             ReadBack(R"({"a":0,"a":{"a":0,"a":{"a":0,"a":1,"b":2}}})"));
 }
 
+// Many members are looked through in another way than few.
+TEST(JSONReaderTest, TakesOnlyTheLastOfDuplicateMembersHoweverMany) {
+  for (int count = 1; count <= 20; ++count) {
+    for (int first = 0; first < count; ++first) {
+      for (int second = first + 1; second < count; ++second) {
+        std::string text, expected;
+        for (int i = 0; i < count; ++i) {
+          const std::string name = std::string(
+              1, static_cast<char>('a' + (i == first ? second : i)));
+          const std::string member =
+              "\"" + name + "\":" + std::to_string(i) + ",";
+          text += member;
+          if (i != first) expected += member;
+        }
+        text.back() = expected.back() = '}';
+        EXPECT_EQ("{" + expected, ReadBack("{" + text));
+      }
+    }
+  }
+}
+
 TEST(JSONReaderTest, DoesNotMixUpTheMembersOfDifferentObjects) {
   for (const char* text :
        {R"([{"a":1},{"a":2}])", R"({"a":{"a":{"a":1}}})",
