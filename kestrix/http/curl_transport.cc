@@ -43,6 +43,21 @@ constexpr base::TimeDelta kQuietTime = std::chrono::seconds(1);
 // moment, and close nearly all at the end of every volley.
 constexpr long kMaxKeptConnections = 256;
 
+// What goes out first over TLS is copied into a buffer, for each request: the
+// header with, if the body is short, that. The library (seen in 7.88.1) waits
+// for ever to send on if that takes more than two buffers; and to erase more
+// than the least that it allows is a waste after a few hundred bytes.
+constexpr size_t kMinUploadBufferSize = 16u << 10;
+constexpr size_t kMaxUploadBufferSize = 1u << 20;
+// What the library adds to header and body.
+constexpr size_t kFraming = 1u << 10;
+static_assert(kMaxRequestHeaderSize + (64u << 10) + kFraming <
+              kMaxUploadBufferSize);
+
+// The library for HTTP/2 refuses more than 64 KiB, names and values that
+// HTTP/1.1 has in other places included.
+constexpr size_t kMaxHttp2HeaderSize = 60u << 10;
+
 constexpr base::TimeDelta kRetryDelay = std::chrono::milliseconds(100);
 
 const char* ErrorCode(CURLcode result) {
@@ -159,7 +174,10 @@ struct CurlTransport::MultiHandle {
   CURLM* get;
 };
 
-// One request and the response as far as it has come.
+// One request and the response as far as it has come. Each has a handle of its
+// own: a used one would save a tenth of the work of a small request, but the
+// library (seen in 7.88.1) keeps a pointer into the header of its last response
+// there, and reads through it when the next one begins with a folded line.
 class CurlTransport::Transfer {
  public:
   Transfer(CURLM* multi, RequestId id, Request request,
@@ -264,9 +282,12 @@ class CurlTransport::Transfer {
   bool SetOptions(base::TimeDelta timeout) {
     const auto timeout_ms = static_cast<long>(
         std::chrono::duration_cast<std::chrono::milliseconds>(timeout).count());
-    const long http_version = CanUseHttp2(request_.headers)
-                                  ? CURL_HTTP_VERSION_2TLS
-                                  : CURL_HTTP_VERSION_1_1;
+    // The library for HTTP/2 does not erase what it frees.
+    const bool can_use_http_2 = request_.keeps_connection &&
+                                CanUseHttp2(request_.headers) &&
+                                GetHeaderSize(request_) <= kMaxHttp2HeaderSize;
+    const long http_version =
+        can_use_http_2 ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1;
     return Set(CURLOPT_PRIVATE, this) &&
            // Where the request goes, and nowhere else.
            Set(CURLOPT_URL, request_.url.c_str()) &&
@@ -286,6 +307,7 @@ class CurlTransport::Transfer {
            Set(CURLOPT_FORBID_REUSE, request_.keeps_connection ? 0L : 1L) &&
            Set(CURLOPT_HTTP_VERSION, http_version) &&
            Set(CURLOPT_HTTPHEADER, header_lines_) && SetMethod() &&
+           Set(CURLOPT_UPLOAD_BUFFERSIZE, GetUploadBufferSize()) &&
            // What comes back.
            Set(CURLOPT_WRITEFUNCTION, &Transfer::OnBody) &&
            Set(CURLOPT_WRITEDATA, this) &&
@@ -301,6 +323,12 @@ class CurlTransport::Transfer {
            // does not answer would stall the loop when a request is given up.
            Set(CURLOPT_TIMEOUT_MS, timeout_ms) && Set(CURLOPT_NOSIGNAL, 1L) &&
            Set(CURLOPT_QUICK_EXIT, 1L);
+  }
+
+  long GetUploadBufferSize() const {
+    return static_cast<long>(
+        std::clamp(GetHeaderSize(request_) + request_.body.size() + kFraming,
+                   kMinUploadBufferSize, kMaxUploadBufferSize));
   }
 
   bool SetMethod() {

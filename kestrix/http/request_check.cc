@@ -93,12 +93,16 @@ const char* FindUrlFault(const std::string& url) {
 
 }  // namespace
 
-bool CheckHeaderSize(const Request& request, std::unique_ptr<Error>* error) {
+size_t GetHeaderSize(const Request& request) {
   size_t size = request.url.size();
   for (const auto& [name, value] : request.headers) {
     size += name.size() + value.size();
   }
-  if (size <= kMaxRequestHeaderSize) return true;
+  return size;
+}
+
+bool CheckHeaderSize(const Request& request, std::unique_ptr<Error>* error) {
+  if (GetHeaderSize(request) <= kMaxRequestHeaderSize) return true;
   Error::AddTo(error, kCheckHeaderSize, kErrorDomain, "too_large",
                "The request header is larger than this device sends");
   return false;

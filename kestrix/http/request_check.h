@@ -4,6 +4,7 @@
 #ifndef KESTRIX_HTTP_REQUEST_CHECK_H_
 #define KESTRIX_HTTP_REQUEST_CHECK_H_
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -12,7 +13,10 @@
 
 namespace kestrix::http {
 
-// What URL and header fields of a request may come to. Beyond a mebibyte the
+// What URL and header fields of a request come to, in bytes.
+size_t GetHeaderSize(const Request& request);
+
+// What they may come to. Beyond a mebibyte the
 // HTTP library gives up without saying why.
 inline constexpr size_t kMaxRequestHeaderSize = 512u << 10;
 

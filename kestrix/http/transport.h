@@ -39,7 +39,8 @@ struct Request {
   HeaderList headers;
   std::string body;
   // Whether the connection may serve a later request. Its buffers hold what was
-  // sent and received last.
+  // sent and received last. If not, HTTP/2 is not used either, whose library
+  // leaves copies of what was sent behind.
   bool keeps_connection = true;
 };
 

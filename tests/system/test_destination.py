@@ -456,6 +456,34 @@ def test_no_token_with_a_control_byte_becomes_a_header(
 
 
 @pytest.mark.parametrize("server", ["cloud", "cloud2"])
+@pytest.mark.parametrize("token_size", [17_000, 61_000, 62_000, 150_000, 500_000])
+@pytest.mark.parametrize("body_size", [0, 17_000, 50_000, 150_000])
+def test_a_large_request_is_sent_whole(
+        daemon, stored, identity, caller, server, request, token_size,
+        body_size):
+    """The HTTP library sends it in pieces, and waits for ever between some.
+
+    Over HTTP/2 it could not send all of them.
+    """
+    cloud = request.getfixturevalue(server)
+    token = secret("access").ljust(token_size, "x")
+    stored()
+    identity.replies.append(Reply.json({"access_token": token}))
+    daemon.start()
+    daemon.wait_for_log("INFO", "Successfully fetched access token: 200")
+    cloud.replies.extend([Reply()] * 2)
+    assert caller.request(ENDPOINT) == (200, "{}")
+    body = '"%s"' % ("x" * body_size)
+    assert caller.request(ENDPOINT, "POST", body) == (200, "{}")
+    get, post = cloud.wait_for(2), cloud.requests[1]
+    assert bearer(get) == bearer(post) == token
+    assert [seen.protocol for seen in (get, post)] == (
+        ["HTTP/2"] * 2 if server == "cloud2" and token_size <= 61_000
+        else ["HTTP/1.1"] * 2)
+    assert post.body == body.encode()
+
+
+@pytest.mark.parametrize("server", ["cloud", "cloud2"])
 @pytest.mark.parametrize("token", [
     "S3CR3T \t x", "S3CR3T: x", "S3CR3T;,=\"\\x", "S3CR3T-\u00e9\u20ac",
     "S3CR3T\u0085\u2028x", "S3CR3T\uffff\ufdd0\U0010ffff",
