@@ -32,6 +32,8 @@ SPAWN_SHARE = 50
 # Before the measured requests each caller sends so many that are not.
 ROUNDS = 2
 
+SPAWNED = 16
+
 DEAD_REQUESTS = 16
 HELD_REQUESTS = 2000
 
@@ -114,19 +116,44 @@ class Measurements:
                         len(self._world.bodies[size][0]), at_a_time,
                         self._count(count // SPAWN_SHARE, at_a_time))
                 results["%s, %d at a time" % (size, at_a_time)] = found
+            results["200 B, 1 at a time, on one processor"] = (
+                self._on_one_processor())
         return results
+
+    def _on_one_processor(self):
+        """The smallest work, with all on one processor as on a small device."""
+        work = ("200 B", 1, self._count(CASES["200 B", 1]))
+        with world.one_processor():
+            return {
+                "echo": self._call(self._echo["200 B"], "", *work),
+                "libcurl, HTTP/1.1": self._get(world.HTTP_1, *work),
+                "daemon, HTTP/1.1": self._call(NAME, world.HTTP_1, *work),
+                "libcurl, HTTP/2": self._get(world.HTTP_2, *work),
+                "daemon, HTTP/2": self._call(NAME, world.HTTP_2, *work),
+            }
 
     def alternatives_memory(self):
         """What the others take of the memory after the same work."""
-        spawned = subprocess.run(
-            ["/usr/bin/python3", "-c", "import resource, subprocess, sys; "
-             "subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL); print("
-             "resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)",
-             "/usr/bin/curl", "-sS", self._world.url(world.HTTP_1, "200 B")],
-            capture_output=True, text=True, check=True)
         return {"nginx as a proxy": Memory(self._proxy.pid).as_dict(),
                 "Python daemon": Memory(self._python.pid).as_dict(),
-                "curl spawned": {"resident_kib": int(spawned.stdout)}}
+                "curl spawned": self._spawned_memory()}
+
+    def _spawned_memory(self):
+        """The most that as many took together of it, each with its request."""
+        curls = [subprocess.Popen(
+            ["/usr/bin/curl", "-sS", self._world.url(world.HTTP_1, world.HELD)],
+            stdout=subprocess.DEVNULL) for _ in range(SPAWNED)]
+        most = {}
+        # Looks again and again as long as they all wait for their answers.
+        while all(curl.poll() is None for curl in curls):
+            for kind in ("resident_kib", "private_dirty_kib"):
+                with contextlib.suppress(OSError, KeyError):
+                    together = sum(Memory(curl.pid).as_dict()[kind]
+                                   for curl in curls)
+                    most[kind] = max(most.get(kind, 0), together)
+        for curl in curls:
+            curl.wait()
+        return most
 
     def fresh_connections(self):
         """A new TLS connection for each request."""

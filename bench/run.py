@@ -35,7 +35,7 @@ def main():
     parser.add_argument("--quick", action="store_true",
                         help="a tenth of the requests, one repetition")
     options = parser.parse_args()
-    repetitions = 1 if options.quick else 5
+    repetitions = 1 if options.quick else 7
 
     results = {"machine": describe_machine(), "quick": options.quick,
                "repetitions": []}
