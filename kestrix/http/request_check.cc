@@ -6,6 +6,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <string_view>
 
@@ -17,28 +18,43 @@ constexpr base::Location kCheckHeaderSize{"CheckHeaderSize", kFile, 0};
 constexpr base::Location kCheckUrl{"CheckUrl", kFile, 0};
 constexpr base::Location kCheckHeaders{"CheckHeaders", kFile, 0};
 
-bool IsAlphanumeric(char c) {
+// A set of bytes, as a table: every byte of a request is looked up.
+using ByteSet = std::array<bool, 256>;
+
+template <typename Predicate>
+constexpr ByteSet MakeSet(Predicate is_in) {
+  ByteSet set{};
+  for (size_t byte = 0; byte < set.size(); ++byte) {
+    set[byte] = is_in(static_cast<unsigned char>(byte));
+  }
+  return set;
+}
+
+constexpr bool IsAlphanumeric(unsigned char c) {
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') ||
          (c >= 'a' && c <= 'z');
 }
 
-bool IsHostByte(char c) {
+constexpr ByteSet kHostBytes = MakeSet([](unsigned char c) {
   return IsAlphanumeric(c) || c == '.' || c == '-' || c == '_';
-}
+});
 
-bool IsTokenByte(char c) {
+constexpr ByteSet kTokenBytes = MakeSet([](unsigned char c) {
   return IsAlphanumeric(c) ||
-         std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
-}
+         std::string_view("!#$%&'*+-.^_`|~").find(static_cast<char>(c)) !=
+             std::string_view::npos;
+});
 
-bool IsFieldValueByte(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return byte == '\t' || (byte >= 0x20 && byte != 0x7f);
-}
+constexpr ByteSet kFieldValueBytes = MakeSet(
+    [](unsigned char c) { return c == '\t' || (c >= 0x20 && c != 0x7f); });
 
-bool IsUrlByte(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return byte > 0x20 && byte != 0x7f && byte != '\\';
+constexpr ByteSet kUrlBytes =
+    MakeSet([](unsigned char c) { return c > 0x20 && c != 0x7f && c != '\\'; });
+
+bool HoldsOnly(std::string_view text, const ByteSet& set) {
+  return std::all_of(text.begin(), text.end(), [&](char c) {
+    return set[static_cast<unsigned char>(c)];
+  });
 }
 
 bool IsPort(std::string_view text) {
@@ -72,7 +88,7 @@ const char* FindUrlFault(const std::string& url) {
     return "it starts with neither http:// nor https://";
   }
   rest.remove_prefix(is_http ? 7 : 8);
-  if (!std::all_of(rest.begin(), rest.end(), IsUrlByte)) {
+  if (!HoldsOnly(rest, kUrlBytes)) {
     return "it holds a blank, a control byte or a backslash";
   }
   const std::string_view authority = rest.substr(0, rest.find_first_of("/?#"));
@@ -81,7 +97,7 @@ const char* FindUrlFault(const std::string& url) {
   }
   const size_t colon = authority.find(':');
   const std::string_view host = authority.substr(0, colon);
-  if (host.empty() || !std::all_of(host.begin(), host.end(), IsHostByte)) {
+  if (host.empty() || !HoldsOnly(host, kHostBytes)) {
     return "the host is no plain name or address";
   }
   if (colon != std::string_view::npos && !IsPort(authority.substr(colon + 1))) {
@@ -127,12 +143,12 @@ std::string GetRequestTarget(const std::string& url) {
 
 bool CheckHeaders(const HeaderList& headers, std::unique_ptr<Error>* error) {
   for (const auto& [name, value] : headers) {
-    if (name.empty() || !std::all_of(name.begin(), name.end(), IsTokenByte)) {
+    if (name.empty() || !HoldsOnly(name, kTokenBytes)) {
       Error::AddTo(error, kCheckHeaders, kErrorDomain, "invalid_header",
                    "The name of a header field is not valid");
       return false;
     }
-    if (!std::all_of(value.begin(), value.end(), IsFieldValueByte)) {
+    if (!HoldsOnly(value, kFieldValueBytes)) {
       Error::AddTo(
           error, kCheckHeaders, kErrorDomain, "invalid_header",
           "The header field " + name + " holds a byte that HTTP cannot carry");
