@@ -302,6 +302,12 @@ TEST(JSONReaderTest, TakesOnlyTheLastOfDuplicateMembersAtEveryDepth) {
             ReadBack(R"({"a":0,"a":{"a":0,"a":{"a":0,"a":1,"b":2}}})"));
 }
 
+TEST(JSONReaderTest, TakesOnlyTheLastOfManyDuplicateMembers) {
+  EXPECT_EQ(R"({"d":1,"a":4,"c":2,"b":3,"e":5,"f":6,"g":7})",
+            ReadBack(R"({"a":0,"a":1,"b":0,"b":1,"a":2,"d":1,"a":4,"c":2,)"
+                     R"("b":3,"e":5,"f":6,"g":7})"));
+}
+
 // Many members are looked through in another way than few.
 TEST(JSONReaderTest, TakesOnlyTheLastOfDuplicateMembersHoweverMany) {
   for (int count = 1; count <= 20; ++count) {

@@ -39,6 +39,11 @@ namespace std {
 [[gnu::weak]] void __throw_out_of_range_fmt(const char* format, ...) {
   Die(format);
 }
+// With _GLIBCXX_ASSERTIONS.
+[[gnu::weak]] void __glibcxx_assert_fail(const char*, int, const char*,
+                                         const char* condition) noexcept {
+  Die(condition);
+}
 
 }  // namespace std
 

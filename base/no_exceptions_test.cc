@@ -3,8 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
+
+#ifdef __GLIBCXX__
 
 namespace base {
 namespace {
@@ -35,3 +39,5 @@ TEST(NoExceptionsDeathTest, DiesOfTooManyElements) {
 
 }  // namespace
 }  // namespace base
+
+#endif  // __GLIBCXX__

@@ -57,6 +57,7 @@ class Client {
     // Or the certificates would be read again for each connection.
     curl_easy_setopt(easy_, CURLOPT_CAPATH, nullptr);
     curl_easy_setopt(easy_, CURLOPT_PROXY, "");
+    curl_easy_setopt(easy_, CURLOPT_UPLOAD_BUFFERSIZE, 16384L);
     curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, OnBody);
     curl_easy_setopt(easy_, CURLOPT_WRITEDATA, &body_);
     curl_easy_setopt(easy_, CURLOPT_TIMEOUT_MS, 60000L);

@@ -32,6 +32,7 @@ SPAWN_SHARE = 50
 # Before the measured requests each caller sends so many that are not.
 ROUNDS = 2
 
+MANY_REQUESTS = 10_000
 SPAWNED = 16
 
 DEAD_REQUESTS = 16
@@ -98,7 +99,7 @@ class Measurements:
             for (size, at_a_time), count in CASES.items():
                 work = (size, at_a_time, self._count(count))
                 found = {
-                    "echo": self._call(self._echo[size], "", *work),
+                    "echo": self._call(self._echo[size], world.HTTP_1, *work),
                     "libcurl, HTTP/1.1": self._get(world.HTTP_1, *work),
                     "daemon, HTTP/1.1": self._call(NAME, world.HTTP_1, *work),
                     "libcurl, HTTP/2": self._get(world.HTTP_2, *work),
@@ -125,7 +126,7 @@ class Measurements:
         work = ("200 B", 1, self._count(CASES["200 B", 1]))
         with world.one_processor():
             return {
-                "echo": self._call(self._echo["200 B"], "", *work),
+                "echo": self._call(self._echo["200 B"], world.HTTP_1, *work),
                 "libcurl, HTTP/1.1": self._get(world.HTTP_1, *work),
                 "daemon, HTTP/1.1": self._call(NAME, world.HTTP_1, *work),
                 "libcurl, HTTP/2": self._get(world.HTTP_2, *work),
@@ -133,7 +134,10 @@ class Measurements:
             }
 
     def alternatives_memory(self):
-        """What the others take of the memory after the same work."""
+        """What the others take of the memory after as many requests."""
+        work = ("200 B", 16, MANY_REQUESTS)
+        self._get(world.PROXY, *work)
+        self._call(world.PYTHON, world.HTTP_1, *work)
         return {"nginx as a proxy": Memory(self._proxy.pid).as_dict(),
                 "Python daemon": Memory(self._python.pid).as_dict(),
                 "curl spawned": self._spawned_memory()}
@@ -141,26 +145,26 @@ class Measurements:
     def _spawned_memory(self):
         """The most that as many took together of it, each with its request."""
         curls = [subprocess.Popen(
-            ["/usr/bin/curl", "-sS", self._world.url(world.HTTP_1, world.HELD)],
-            stdout=subprocess.DEVNULL) for _ in range(SPAWNED)]
-        most = {}
+            ["/usr/bin/curl", "-sS", "--fail",
+             "-H", "Authorization: Bearer " + world.TOKEN,
+             world.HTTP_1 + world.HELD], stdout=subprocess.DEVNULL)
+            for _ in range(SPAWNED)]
+        most = 0
         # Looks again and again as long as they all wait for their answers.
         while all(curl.poll() is None for curl in curls):
-            for kind in ("resident_kib", "private_dirty_kib"):
-                with contextlib.suppress(OSError, KeyError):
-                    together = sum(Memory(curl.pid).as_dict()[kind]
-                                   for curl in curls)
-                    most[kind] = max(most.get(kind, 0), together)
-        for curl in curls:
-            curl.wait()
-        return most
+            with contextlib.suppress(OSError, KeyError):
+                most = max(most, sum(Memory(curl.pid).private_dirty
+                                     for curl in curls))
+        assert [curl.wait() for curl in curls] == [0] * SPAWNED
+        return {"private_dirty_kib": most}
 
     def fresh_connections(self):
         """A new TLS connection for each request."""
         count = self._count(200)
         with self._world.daemon(self._program):
             results = {
-                "echo": self._call(self._echo["200 B"], "", "200 B", 1, count),
+                "echo": self._call(self._echo["200 B"], world.FRESH, "200 B",
+                                   1, count),
                 "libcurl": self._get(world.FRESH, "200 B", 1, count),
                 "daemon": self._call(NAME, world.FRESH, "200 B", 1, count),
             }
@@ -204,7 +208,7 @@ class Measurements:
             time.sleep(self._idle_s)
             results["wakeups_a_minute"] = 60 / self._idle_s * (
                 world.switches(daemon.pid) - before)
-            self._call(NAME, world.HTTP_1, "200 B", 16, 10_000)
+            self._call(NAME, world.HTTP_1, "200 B", 16, MANY_REQUESTS)
             daemon.wait_until_at_rest()
             results["after 10,000"] = Memory(daemon.pid).as_dict()
             held = world.HTTP_1 + world.HELD

@@ -23,21 +23,28 @@ PROTOCOLS = ("HTTP/1.1", "HTTP/2")
 class Row:
     """One line of the table: figures as text, target and whether it is met."""
 
-    def __init__(self, what, figure, floor="", ratio=None, target="",
+    def __init__(self, what, figure, floor="", ratios=(), target="",
                  met=None):
         self.what = what
         self.figure = figure
         self.floor = floor
-        self.ratio = "" if ratio is None else "%.2f" % ratio
+        self.ratio = self.range = ""
+        if ratios:
+            self.ratio = short(statistics.median(ratios))
+            self.range = short(min(ratios)) + " to " + short(max(ratios))
         self.target = target
         self.met = {None: "", True: "yes", False: "no"}[met]
 
     def cells(self):
-        return [self.what, self.figure, self.floor, self.ratio, self.target,
-                self.met]
+        return [self.what, self.figure, self.floor, self.ratio, self.range,
+                self.target, self.met]
 
 
-HEADINGS = ["What", "Daemon", "Floor", "Ratio", "Target", "Met"]
+HEADINGS = ["What", "Daemon", "Floor", "Ratio", "Range", "Target", "Met"]
+
+
+def short(ratio):
+    return "%.2f" % ratio if ratio >= 0.01 else "%.4f" % ratio
 
 
 def us(value):
@@ -73,14 +80,14 @@ class Results:
 
     def against(self, what, figure, floor, show, target, at_most=True):
         """A row with the median of the ratios within each repetition."""
-        ratio = self.median(lambda one: figure(one) / floor(one))
-        if target is None:
-            return Row(what, show(self.median(figure)),
-                       show(self.median(floor)), ratio)
-        limit = ("<= %g" if at_most else ">= %g") % target
+        ratios = [figure(one) / floor(one) for one in self._repetitions]
+        ratio = statistics.median(ratios)
+        limit, met = "", None
+        if target is not None:
+            limit = ("<= %g" if at_most else ">= %g") % target
+            met = ratio <= target if at_most else ratio >= target
         return Row(what, show(self.median(figure)), show(self.median(floor)),
-                   ratio, limit, ratio <= target if at_most
-                   else ratio >= target)
+                   ratios, limit, met)
 
 
 def _case(one, case, subject):
@@ -135,7 +142,7 @@ def _trouble_rows(results):
             lambda one: fresh(one, "daemon")["p50"],
             lambda one: (fresh(one, "echo")["p50"] +
                          fresh(one, "libcurl")["p50"]), us, 1.5),
-        _limit("... another caller's p99 meanwhile", results.median(
+        _limit("... another caller's p99 meanwhile", results.worst(
             lambda one: fresh(one, "another caller")["p99"]), us, 5000),
         results.against(
             "2,000 at a time, each held for 5 s, until all are answered: over "
@@ -193,6 +200,13 @@ def _alternative_rows(results):
                 lambda one: _case(one, case, daemon)[kind],
                 lambda one: _case(one, case, subject)[kind], show, target,
                 at_most=is_latency))
+    for size in ("10 kB", "1 MB"):
+        case = size + ", 1 at a time"
+        rows.append(results.against(
+            "latency, %s: over nginx as a proxy" % case,
+            lambda one: _case(one, case, daemon)["p50"],
+            lambda one: _case(one, case, "nginx as a proxy")["p50"], us,
+            None))
     for subject, kind, target in (
             ("nginx as a proxy", "resident_kib", None),
             ("Python daemon", "resident_kib", 1),
@@ -225,7 +239,13 @@ def table(raw):
     results = Results(raw)
     rows = (_floor_rows(results) + _trouble_rows(results) +
             _footprint_rows(results) + _alternative_rows(results))
-    return _lines(HEADINGS, [row.cells() for row in rows], {1, 2, 3, 4})
+    return _lines(HEADINGS, [row.cells() for row in rows], {1, 2, 3, 5})
+
+
+def machine(raw):
+    """What it was measured on."""
+    return ("%(model)s, %(processors)d processors, Linux %(kernel)s; %(load).1f "
+            "processes wanted to run when it began." % raw["machine"])
 
 
 def details(raw):
@@ -236,12 +256,18 @@ def details(raw):
         for subject in SUBJECTS:
             if subject not in found:
                 continue
-            rows.append([case, subject] + [
+            row = [case, subject] + [
                 show(results.median(
                     lambda one: _case(one, case, subject)[kind]))
                 for kind, show in (("p50", us), ("p99", us),
                                    ("throughput", rate),
-                                   ("processor_us", us))])
+                                   ("processor_us", us))]
+            if found[subject]["count"] < 200:
+                row[3] = ""
+            # What was measured there is the client's processor time.
+            if subject == "nginx as a proxy":
+                row[5] = ""
+            rows.append(row)
     return _lines(["Case", "Who", "Median", "p99", "Throughput",
                    "Processor, each"], rows, {2, 3, 4, 5})
 
@@ -308,7 +334,8 @@ def plot(raw):
 
 def fill(document, raw):
     """The text of the document with the tables between its marks."""
-    for name, make in (("table", table), ("details", details),
+    for name, make in (("machine", machine), ("table", table),
+                       ("details", details),
                        ("functions", functions)):
         begin, end = MARKS % ("Begin", name), MARKS % ("End", name)
         before, _, rest = document.partition(begin)
@@ -324,6 +351,7 @@ def main(results, document=None, picture=None):
     if document is None:
         print(table(raw))
         return
+    assert not raw["quick"], "these figures only show that everything runs"
     with open(document, encoding="utf-8") as file:
         text = file.read()
     with open(document, "w", encoding="utf-8") as file:

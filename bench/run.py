@@ -42,6 +42,8 @@ def main():
     with World(options.programs) as world:
         measurements = Measurements(world, options.daemon, options.quick)
         results["stripped_size"] = measurements.stripped_size()
+        # Before the others have done more than the daemon will have.
+        results["memory"] = measurements.alternatives_memory()
         for number in range(repetitions):
             print("Repetition %d of %d" % (number + 1, repetitions),
                   file=sys.stderr, flush=True)
@@ -52,7 +54,6 @@ def main():
                 "life": measurements.life(),
                 "starts": measurements.starts(),
             })
-        results["memory"] = measurements.alternatives_memory()
     functions = subprocess.run(
         [os.path.join(options.programs, "bench", "functions"),
          "--benchmark_format=json", "--benchmark_min_time=%s" % (

@@ -367,10 +367,10 @@ def seen_by_cloud(method, path, status, body=None):
 
 def seen_by_identity(**form):
     """The identity provider's lines for one grant with these fields."""
-    lines = ["POST /o/oauth2/token HTTP/2",
-             "  :authority: identity.vantrel.example",
-             "  content-type: application/x-www-form-urlencoded",
-             "  content-length: %d" % len(urllib.parse.urlencode(form))]
+    lines = ["POST /o/oauth2/token HTTP/1.1",
+             "  Host: identity.vantrel.example",
+             "  Content-Type: application/x-www-form-urlencoded",
+             "  Content-Length: %d" % len(urllib.parse.urlencode(form))]
     for name, value in form.items():
         if name in ("code", "client_secret", "refresh_token"):
             value = "%s...(%d more)" % (value[:12], len(value) - 12)

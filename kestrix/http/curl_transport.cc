@@ -44,15 +44,13 @@ constexpr base::TimeDelta kQuietTime = std::chrono::seconds(1);
 constexpr long kMaxKeptConnections = 256;
 
 // What goes out first over TLS is copied into a buffer, for each request: the
-// header with, if the body is short, that. The library (seen in 7.88.1) waits
-// for ever to send on if that takes more than two buffers; and to erase more
-// than the least that it allows is a waste after a few hundred bytes.
+// header, and the body if it is short. The library (seen in 7.88.1) waits for
+// ever to send on if that takes more than two buffers; and to erase more than
+// the least that it allows is a waste after a few hundred bytes.
 constexpr size_t kMinUploadBufferSize = 16u << 10;
-constexpr size_t kMaxUploadBufferSize = 1u << 20;
+constexpr size_t kMaxShortBody = 64u << 10;
 // What the library adds to header and body.
 constexpr size_t kFraming = 1u << 10;
-static_assert(kMaxRequestHeaderSize + (64u << 10) + kFraming <
-              kMaxUploadBufferSize);
 
 // The library for HTTP/2 refuses more than 64 KiB, names and values that
 // HTTP/1.1 has in other places included.
@@ -326,9 +324,10 @@ class CurlTransport::Transfer {
   }
 
   long GetUploadBufferSize() const {
-    return static_cast<long>(
-        std::clamp(GetHeaderSize(request_) + request_.body.size() + kFraming,
-                   kMinUploadBufferSize, kMaxUploadBufferSize));
+    const size_t size = GetHeaderSize(request_) +
+                        std::min(request_.body.size(), kMaxShortBody) +
+                        kFraming;
+    return static_cast<long>(std::max(size, kMinUploadBufferSize));
   }
 
   bool SetMethod() {

@@ -585,6 +585,7 @@ TEST_F(CurlTransportTest, KeepsAConnectionForTheNextRequest) {
   EXPECT_EQ(1, server_.connections());
 }
 
+// On the same connection.
 TEST_F(CurlTransportTest, TakesNothingOverFromAnEarlierRequest) {
   server_.SetAnswer(kOk, /*close_after=*/false);
   Get("/a?b=c", {{"Authorization", "Bearer abc"}});
@@ -601,25 +602,6 @@ TEST_F(CurlTransportTest, TakesNothingOverFromAnEarlierRequest) {
                 post + "html\r\nContent-Length: 0\r\n\r\n" + get,
             server_.received().substr(before));
   EXPECT_EQ(1, server_.connections());
-}
-
-TEST_F(CurlTransportTest, GivesALaterRequestItsOwnTimeAndLimits) {
-  const std::string large_header =
-      "HTTP/1.1 200 OK\r\nX: " + std::string(40'000, 'x') +
-      "\r\nContent-Length: 2\r\n\r\nok";
-  server_.SetAnswer(large_header, /*close_after=*/false);
-  transport_->SetDefaultTimeout(milliseconds(1000));
-  EXPECT_EQ("ok", Get().text);
-  EXPECT_EQ("ok", Get().text);
-
-  server_.SetAnswer("", /*close_after=*/false);
-  transport_->SetDefaultTimeout(seconds(30));
-  const auto longer = StartGet();
-  transport_->SetDefaultTimeout(milliseconds(1200));
-  const auto later = StartGet();
-  WaitFor(*later);
-  EXPECT_THAT(later->text, StartsWith("http/timeout: "));
-  EXPECT_EQ(0, longer->runs);
 }
 
 TEST_F(CurlTransportTest, ClosesAConnectionThatIsNotToBeKept) {

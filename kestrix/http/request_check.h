@@ -16,8 +16,8 @@ namespace kestrix::http {
 // What URL and header fields of a request come to, in bytes.
 size_t GetHeaderSize(const Request& request);
 
-// What they may come to. Beyond a mebibyte the
-// HTTP library gives up without saying why.
+// What they may come to. Beyond a mebibyte the HTTP library gives up without
+// saying why.
 inline constexpr size_t kMaxRequestHeaderSize = 512u << 10;
 
 // False, with too_large added to `error`, if they come to more.

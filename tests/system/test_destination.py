@@ -456,7 +456,8 @@ def test_no_token_with_a_control_byte_becomes_a_header(
 
 
 @pytest.mark.parametrize("server", ["cloud", "cloud2"])
-@pytest.mark.parametrize("token_size", [17_000, 61_000, 62_000, 150_000, 500_000])
+@pytest.mark.parametrize("token_size", [
+    17_000, 61_000, 62_000, 150_000, 500_000])
 @pytest.mark.parametrize("body_size", [0, 17_000, 50_000, 150_000])
 def test_a_large_request_is_sent_whole(
         daemon, stored, identity, caller, server, request, token_size,

@@ -135,6 +135,15 @@ def test_the_debug_symbols_are_those_of_the_program(program, unpacked):
     assert ".symtab" not in tool("readelf", "--sections", "--wide", program)
 
 
+def test_the_program_is_small_and_brings_its_c_plus_plus_library(program):
+    assert os.path.getsize(program) <= 300_000
+    needed = re.findall(r"NEEDED.*\[(.*)\]", tool("readelf", "--dynamic",
+                                                   program))
+    # First the one that looks up the most of its own symbols.
+    assert needed[0].startswith("libcrypto.so")
+    assert [n for n in needed if "stdc++" in n or "gcc" in n] == []
+
+
 def test_the_program_is_loaded_at_any_address(program):
     assert re.search(r"Type: +DYN \(Position-Independent Executable",
                      tool("readelf", "--file-header", program))
