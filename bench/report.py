@@ -244,8 +244,11 @@ def table(raw):
 
 def machine(raw):
     """What it was measured on."""
-    return ("%(model)s, %(processors)d processors, Linux %(kernel)s; %(load).1f "
-            "processes wanted to run when it began." % raw["machine"])
+    found = raw["machine"]
+    return ("Taken on: %s, %d processors, Linux %s;\n"
+            "%.1f processes wanted to run when it began." % (
+                found["model"], found["processors"],
+                found["kernel"].partition("-")[0], found["load"]))
 
 
 def details(raw):
