@@ -76,6 +76,14 @@ class SignalSource final : public EventSource {
   Callback<void()> callback_;
 };
 
+// The real clock, also where a test has replaced that of the rest.
+uint64_t GetMonotonicUs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<uint64_t>(now.tv_sec) * 1'000'000 +
+         static_cast<uint64_t>(now.tv_nsec) / 1'000;
+}
+
 }  // namespace
 
 EventLoop::EventLoop() {
@@ -158,7 +166,9 @@ Timer::~Timer() { sd_event_source_disable_unref(source_); }
 void Timer::Start(TimeDelta delay) {
   const auto delay_us =
       static_cast<uint64_t>(std::max<int64_t>(delay.count(), 0));
-  sd_event_source_set_time_relative(source_, delay_us);
+  // Not relative to what the loop takes for now, which is when this turn began:
+  // after much work in it the timer would run out early.
+  sd_event_source_set_time(source_, GetMonotonicUs() + delay_us);
   sd_event_source_set_enabled(source_, SD_EVENT_ONESHOT);
 }
 

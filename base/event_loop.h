@@ -85,8 +85,9 @@ class Timer {
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
 
-  // Runs the callback from the loop once `delay` has passed, never from within
-  // Start(). A start before that replaces the earlier one.
+  // Runs the callback from the loop once `delay` has passed since this call,
+  // never earlier and never from within Start(). A start before that replaces
+  // the earlier one.
   void Start(TimeDelta delay);
   void Stop();
 

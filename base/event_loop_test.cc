@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "base/time.h"
 #include "tests/support/test_loop.h"
 
 namespace base {
@@ -210,6 +211,23 @@ TEST_F(EventLoopTest, TimerRunsOnceFromTheLoop) {
   ASSERT_TRUE(test::RunUntil("the timer", [&] { return !steps_.empty(); }));
   test::RunPending();
   EXPECT_THAT(steps_, ElementsAre(1));
+}
+
+TEST_F(EventLoopTest, TimerIsNotEarlyAfterMuchWorkInTheSameTurn) {
+  TimeTicks start, end;
+  Timer timer(&loop_, [&] {
+    end = TimeTicks::Now();
+    loop_.Quit(0);
+  });
+  loop_.PostTask([&] {
+    const TimeTicks begin = TimeTicks::Now();
+    do {
+      start = TimeTicks::Now();
+    } while (start - begin < milliseconds(20));
+    timer.Start(milliseconds(30));
+  });
+  loop_.Run();
+  EXPECT_GE(end - start, milliseconds(30));
 }
 
 TEST_F(EventLoopTest, TimersRunInTheOrderOfTheirTimes) {

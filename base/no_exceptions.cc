@@ -40,6 +40,7 @@ namespace std {
   Die(format);
 }
 // With _GLIBCXX_ASSERTIONS.
+// NOLINTNEXTLINE(bugprone-reserved-identifier): the library names it.
 [[gnu::weak]] void __glibcxx_assert_fail(const char*, int, const char*,
                                          const char* condition) noexcept {
   Die(condition);

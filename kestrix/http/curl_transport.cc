@@ -52,8 +52,8 @@ constexpr size_t kMaxShortBody = 64u << 10;
 // What the library adds to header and body.
 constexpr size_t kFraming = 1u << 10;
 
-// The library for HTTP/2 refuses more than 64 KiB, names and values that
-// HTTP/1.1 has in other places included.
+// The library for HTTP/2 refuses more than 64 KiB of fields, and has some for
+// what the first line says over HTTP/1.1.
 constexpr size_t kMaxHttp2HeaderSize = 60u << 10;
 
 constexpr base::TimeDelta kRetryDelay = std::chrono::milliseconds(100);

@@ -23,7 +23,7 @@ NUMBERS = {name: number for number, name in enumerate(NAMES + MEMORY)}
 
 # These cannot fail, or only for a wrong argument.
 SAFE = re.compile(r"""curl_easy_getinfo|curl_multi_setopt
-  |sd_event_source_set_(enabled|time_relative)
+  |sd_event_source_set_(enabled|time)
   |curl_(easy|multi|url|global)_cleanup|curl_easy_strerror|curl_version_info
   |curl_free|curl_slist_free_all|curl_multi_(info_read|remove_handle)
   |sd_bus_(close_unref|error_(free|is_set|set_errno)|get_fd|is_open
