@@ -174,8 +174,8 @@ struct CurlTransport::MultiHandle {
 
 // One request and the response as far as it has come. Each has a handle of its
 // own: a used one would save a tenth of the work of a small request, but the
-// library (seen in 7.88.1) keeps a pointer into the header of its last response
-// there, and reads through it when the next one begins with a folded line.
+// library (seen in 7.88.1) crashes when the response to it begins with a folded
+// header line.
 class CurlTransport::Transfer {
  public:
   Transfer(CURLM* multi, RequestId id, Request request,
